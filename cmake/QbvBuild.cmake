@@ -1,0 +1,37 @@
+# Compile settings shared by every target, and the helper that declares a test program.
+
+add_library(qbv_build_settings INTERFACE)
+target_include_directories(qbv_build_settings INTERFACE "${PROJECT_SOURCE_DIR}")
+target_compile_options(qbv_build_settings INTERFACE
+  -Wall -Wextra -Wpedantic -Werror
+  $<$<COMPILE_LANGUAGE:CXX>:-Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual>
+  -fno-omit-frame-pointer)
+if(QBV_SANITIZE)
+  target_compile_options(qbv_build_settings INTERFACE -fsanitize=${QBV_SANITIZE} -fno-sanitize-recover=all)
+  target_link_options(qbv_build_settings INTERFACE -fsanitize=${QBV_SANITIZE})
+  target_compile_definitions(qbv_build_settings INTERFACE QBV_SANITIZED=1)
+endif()
+
+# qbv_add_test(NAME SOURCES file... [LIBRARIES lib...] [TIMEOUT seconds] [LABELS label...])
+# One GoogleTest program; every case is a ctest test, so it runs in a process of its own.
+function(qbv_add_test name)
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE qbv_build_settings ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
+  target_link_options(${name} PRIVATE -Wl,--unresolved-symbols=ignore-all)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+endfunction()
+
+# qbv_folder_sources(TARGET [EXCLUDE file...]): every source file of the current folder belongs to TARGET.
+function(qbv_folder_sources target)
+  cmake_parse_arguments(arg "" "" "EXCLUDE" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp" "${CMAKE_CURRENT_SOURCE_DIR}/*.S")
+  foreach(excluded IN LISTS arg_EXCLUDE)
+    list(REMOVE_ITEM sources "${CMAKE_CURRENT_SOURCE_DIR}/${excluded}")
+  endforeach()
+  target_sources(${target} PRIVATE ${sources})
+endfunction()

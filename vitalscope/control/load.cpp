@@ -1,0 +1,7 @@
+#include "vitalscope/control/load.h"
+
+namespace qbv {
+
+void load() {}
+
+}  // namespace qbv

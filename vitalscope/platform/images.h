@@ -1,0 +1,85 @@
+// Loaded images (executable and libraries) as Mach-O headers and load commands in memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "vitalscope/platform/export.h"
+
+namespace qbv {
+
+// The published layouts, as far as this system reads or writes them.
+inline constexpr std::uint32_t MH_MAGIC = 0xfeedface;
+inline constexpr std::uint32_t MH_CIGAM = 0xcefaedfe;
+inline constexpr std::uint32_t MH_MAGIC_64 = 0xfeedfacf;
+inline constexpr std::uint32_t MH_CIGAM_64 = 0xcffaedfe;
+inline constexpr std::uint32_t LC_SEGMENT = 0x1;
+inline constexpr std::uint32_t LC_SYMTAB = 0x2;
+inline constexpr std::uint32_t LC_DYSYMTAB = 0xb;
+inline constexpr std::uint32_t LC_SEGMENT_64 = 0x19;
+inline constexpr std::uint32_t LC_UUID = 0x1b;
+// A command of our own without payload (8 bytes): the symbol table is sorted by n_value, ascending.
+inline constexpr std::uint32_t LC_QBV_SORTED_SYMTAB = 0x51425653;
+
+struct mach_header_64 {
+  std::uint32_t magic, cputype, cpusubtype, filetype, ncmds, sizeofcmds, flags, reserved;
+};
+struct load_command {
+  std::uint32_t cmd, cmdsize;
+};
+struct segment_command_64 {
+  std::uint32_t cmd, cmdsize;
+  char segname[16];
+  std::uint64_t vmaddr, vmsize, fileoff, filesize;
+  std::uint32_t maxprot, initprot, nsects, flags;
+};
+struct segment_command {
+  std::uint32_t cmd, cmdsize;
+  char segname[16];
+  std::uint32_t vmaddr, vmsize, fileoff, filesize, maxprot, initprot, nsects, flags;
+};
+struct symtab_command {
+  std::uint32_t cmd, cmdsize, symoff, nsyms, stroff, strsize;
+};
+struct uuid_command {
+  std::uint32_t cmd, cmdsize;
+  std::uint8_t uuid[16];
+};
+struct nlist_64 {
+  std::uint32_t n_strx;
+  std::uint8_t n_type, n_sect;
+  std::uint16_t n_desc;
+  std::uint64_t n_value;
+};
+static_assert(sizeof(mach_header_64) == 32 && sizeof(segment_command_64) == 72 && sizeof(nlist_64) == 16);
+
+// All operations: any thread, not in signal handlers. Look-ups take no lock and allocate nothing, except
+// where said. An index names the same image as long as that image is loaded; the place of an image that was
+// unloaded has a null header until another image takes it. Descriptions once handed out stay readable for
+// ever.
+class QBV_EXPORT Images {
+ public:
+  virtual ~Images() = default;
+
+  // Places in the list, empty ones included. linux: first takes in what was loaded or unloaded since the last
+  // call (a comparison of two counters when nothing was).
+  virtual std::uint32_t _dyld_image_count() = 0;
+  // The image's header followed by its load commands; null past the end or for an empty place.
+  virtual const void* _dyld_get_image_header(std::uint32_t index) = 0;
+  virtual std::intptr_t _dyld_get_image_vmaddr_slide(std::uint32_t index) = 0;
+  // Path as the loader reports it; the executable has its full path. Null for an empty place.
+  virtual const char* _dyld_get_image_name(std::uint32_t index) = 0;
+  // Where the image is mapped: what reports print. Scripted: the header's own address.
+  virtual std::uint64_t loadAddress(std::uint32_t index) = 0;
+  // A header of the same image whose commands also describe its symbol and string table, with the same
+  // segments. linux builds it on the first call for an image (reads the file, allocates, locks), then answers
+  // without.
+  virtual const void* headerWithSymbols(std::uint32_t index) = 0;
+  // Whether these bytes belong to the image's description (header, commands, tables) and may be read.
+  virtual bool readable(std::uint32_t index, const void* address, std::size_t size) = 0;
+  // The image that probably holds a code address, found faster than by walking all; nothing when not known.
+  virtual std::optional<std::uint32_t> likelyImage(std::uint64_t address) = 0;
+};
+
+}  // namespace qbv

@@ -1,0 +1,123 @@
+// Classes and methods found by name at run time: how the host answers questions without being linked.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <type_traits>
+
+#include "vitalscope/platform/export.h"
+
+namespace qbv {
+
+struct objc_object;
+struct objc_class;
+struct objc_selector;
+using id = objc_object*;           // an instance or a class; null is nil
+using Class = objc_class*;         // usable as id by classObject()
+using SEL = const objc_selector*;  // interned: equal names are equal pointers
+using IMP = void (*)();            // really R (*)(id self, SEL _cmd, arguments…)
+
+// Any thread. Classes, selectors and methods are never removed. Names are copied.
+class QBV_EXPORT Runtime {
+ public:
+  virtual ~Runtime() = default;
+
+  // Null when no class has that name.
+  virtual Class NSClassFromString(const char* name) = 0;
+  // The one selector of that name; made when it is new. Never null.
+  virtual SEL NSSelectorFromString(const char* name) = 0;
+
+  // A new class below `superclass` (null: below "NSObject"); the present class when the name is taken.
+  virtual Class defineClass(const char* name, Class superclass) = 0;
+  // Adds a method or replaces the class's own of that selector. `types` is the usual encoding, the result
+  // first
+  // ("@@:" object, "*@:" UTF-8 text owned by the callee, "q@:" 64-bit integer, "B@:" bool, "v@:@" one
+  // argument).
+  virtual void addInstanceMethod(Class cls, SEL selector, IMP implementation, const char* types) = 0;
+  virtual void addClassMethod(Class cls, SEL selector, IMP implementation, const char* types) = 0;
+  // A new instance without fields; it lives for ever.
+  virtual id createInstance(Class cls) = 0;
+
+  static id classObject(Class cls) noexcept { return reinterpret_cast<id>(cls); }
+
+  // Whether a message would find a method (inherited ones count). False for nil.
+  virtual bool respondsToSelector(id receiver, SEL selector) = 0;
+  // The method a message would find and its encoding; null when there is none.
+  virtual IMP methodForSelector(id receiver, SEL selector, const char** types) = 0;
+};
+
+namespace detail {
+template <class T>
+constexpr char typeEncoding() {
+  if constexpr (std::is_void_v<T>)
+    return 'v';
+  else if constexpr (std::is_same_v<T, bool>)
+    return 'B';
+  else if constexpr (std::is_same_v<T, id>)
+    return '@';
+  else if constexpr (std::is_same_v<T, const char*>)
+    return '*';
+  else if constexpr (std::is_same_v<T, int>)
+    return 'i';
+  else if constexpr (std::is_same_v<T, std::int64_t>)
+    return 'q';
+  else if constexpr (std::is_same_v<T, double>)
+    return 'd';
+  else
+    static_assert(sizeof(T) == 0, "no encoding for this type");
+}
+template <class R, class... Args>
+std::string methodEncoding() {
+  return std::string{typeEncoding<R>(), '@', ':', typeEncoding<Args>()...};
+}
+QBV_EXPORT bool encodingsMatch(const char* present, const std::string& wanted) noexcept;
+}  // namespace detail
+
+// Sends a message of zero or one object argument. R() when the receiver is nil, does not answer the selector,
+// or its method's encoding is another one. Runs the host's code on the calling thread. A `const char*` result
+// belongs to the callee: copy it at once.
+template <class R, class... Args>
+R send(Runtime& runtime, id receiver, const char* selectorName, Args... args) {
+  static_assert(sizeof...(Args) <= 1);
+  const SEL selector = runtime.NSSelectorFromString(selectorName);
+  const char* types = nullptr;
+  const IMP method = runtime.methodForSelector(receiver, selector, &types);
+  if (method == nullptr || !detail::encodingsMatch(types, detail::methodEncoding<R, Args...>())) return R();
+  return reinterpret_cast<R (*)(id, SEL, Args...)>(method)(receiver, selector, args...);
+}
+
+// The same for a result of any integer type (encodings B c i q Q and the like), widened; nothing where send
+// gives R().
+QBV_EXPORT std::optional<std::int64_t> sendInteger(Runtime& runtime, id receiver, const char* selectorName);
+
+// Defines a class and its methods:
+//   ClassDefinition(rt, "NSBundle").classMethod("isLogVersion", +[](id, SEL) -> bool { return true; });
+class ClassDefinition {
+ public:
+  ClassDefinition(Runtime& runtime, const char* name, Class superclass = nullptr)
+      : runtime_(runtime), class_(runtime.defineClass(name, superclass)) {}
+
+  template <class R, class... Args>
+  ClassDefinition& classMethod(const char* selector, R (*implementation)(id, SEL, Args...)) {
+    runtime_.addClassMethod(class_, runtime_.NSSelectorFromString(selector),
+                            reinterpret_cast<IMP>(implementation),
+                            detail::methodEncoding<R, Args...>().c_str());
+    return *this;
+  }
+  template <class R, class... Args>
+  ClassDefinition& method(const char* selector, R (*implementation)(id, SEL, Args...)) {
+    runtime_.addInstanceMethod(class_, runtime_.NSSelectorFromString(selector),
+                               reinterpret_cast<IMP>(implementation),
+                               detail::methodEncoding<R, Args...>().c_str());
+    return *this;
+  }
+  Class cls() const noexcept { return class_; }
+  id instance() const { return runtime_.createInstance(class_); }
+
+ private:
+  Runtime& runtime_;
+  Class class_;
+};
+
+}  // namespace qbv
