@@ -1,0 +1,63 @@
+# Two commands on a bare Debian machine: `make demo` shows a hang report, `make test` builds and passes the tests.
+
+PREFIX ?= /usr/local
+JOBS ?= $(shell nproc)
+REPEAT ?= 1
+
+SOURCES = $(shell git ls-files '*.h' '*.cpp' '*.c')
+
+.PHONY: all demo test test-asan test-tsan bench fuzz format format-check lint install clean
+
+all: build/release/.configured
+	cmake --build --preset release -j $(JOBS)
+
+build/%/.configured:
+	scripts/setup build
+	cmake --preset $* >/dev/null
+	@touch $@
+
+demo: all
+	scripts/demo build/release
+
+test: 
+	scripts/setup test
+	cmake --preset dev >/dev/null
+	cmake --build --preset dev -j $(JOBS)
+	ctest --preset dev -j $(JOBS) --repeat until-fail:$(REPEAT)
+
+test-asan test-tsan: test-%:
+	scripts/setup test
+	cmake --preset $* >/dev/null
+	cmake --build --preset $* -j $(JOBS)
+	ctest --preset $* -j $(JOBS)
+
+bench:
+	scripts/setup bench
+	cmake --preset bench >/dev/null
+	cmake --build --preset bench -j $(JOBS)
+	scripts/bench build/bench
+
+fuzz:
+	scripts/setup fuzz
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz -j $(JOBS)
+	scripts/fuzz build/fuzz
+
+format:
+	scripts/setup lint
+	clang-format -i $(SOURCES)
+
+format-check:
+	scripts/setup lint
+	clang-format --dry-run --Werror $(SOURCES)
+
+lint: format-check
+	scripts/setup test
+	cmake --preset dev >/dev/null
+	scripts/lint build/dev
+
+install: all
+	cmake --install build/release --prefix $(PREFIX)
+
+clean:
+	rm -rf build
