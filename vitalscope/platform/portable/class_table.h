@@ -1,0 +1,79 @@
+// The table of classes, selectors and methods behind Runtime.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+
+#include "vitalscope/platform/runtime.h"
+
+namespace qbv {
+
+// Every object begins with the class that answers its messages. For a class that is its metaclass, so classes
+// are objects too.
+struct objc_object {
+  objc_class* isa;
+};
+
+struct objc_selector {
+  const char* name;
+};
+
+// What a method does at present: replaced as a whole, so that code and encoding always belong together.
+struct MethodBody {
+  IMP implementation;
+  const char* types;
+};
+
+struct objc_method {
+  SEL selector;
+  std::atomic<const MethodBody*> body;
+  objc_method* next;  // older methods of the same class
+};
+
+struct objc_class : objc_object {
+  objc_class* superclass;  // null for the root class only; the root metaclass is below the root class
+  const char* name;        // a metaclass has its class's name
+  std::atomic<objc_method*> methods;
+  bool isMetaclass;
+};
+
+// Look-ups of methods take no lock; those of names take a shared one. Nothing is removed or freed before the
+// table itself, and instances not before that either.
+class QBV_EXPORT ClassTable final : public Runtime {
+ public:
+  ClassTable();
+  ~ClassTable() override;
+  ClassTable(const ClassTable&) = delete;
+  ClassTable& operator=(const ClassTable&) = delete;
+
+  Class NSClassFromString(const char* name) override;
+  SEL NSSelectorFromString(const char* name) override;
+  Class defineClass(const char* name, Class superclass) override;
+  void addInstanceMethod(Class cls, SEL selector, IMP implementation, const char* types) override;
+  void addClassMethod(Class cls, SEL selector, IMP implementation, const char* types) override;
+  id createInstance(Class cls) override;
+  bool respondsToSelector(id receiver, SEL selector) override;
+  IMP methodForSelector(id receiver, SEL selector, const char** types) override;
+
+ private:
+  Class makeClass(const char* name, Class superclass);
+  void addMethod(Class cls, SEL selector, IMP implementation, const char* types);
+
+  std::shared_mutex mutex_;
+  std::deque<std::string> texts_;
+  std::deque<objc_selector> selectors_;
+  std::deque<objc_class> classes_;
+  std::deque<objc_method> methods_;
+  std::deque<MethodBody> bodies_;
+  std::deque<objc_object> instances_;
+  std::map<std::string_view, SEL> selectorOfName_;
+  std::map<std::string_view, Class> classOfName_;
+};
+
+}  // namespace qbv
