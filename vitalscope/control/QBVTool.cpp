@@ -13,6 +13,17 @@ const char* mailDomain() noexcept {
   return QBV_MAIL_DOMAIN;
 }
 
+std::string queueLabel(const std::string& suffix) {
+  std::string label = suffix;
+  std::string_view rest = mailDomain();
+  while (!rest.empty()) {
+    const std::size_t dot = rest.find('.');
+    label = std::string(rest.substr(0, dot)) + '.' + label;
+    rest = dot == std::string_view::npos ? std::string_view{} : rest.substr(dot + 1);
+  }
+  return label;
+}
+
 namespace {
 
 std::optional<std::string> profileEmail() {

@@ -11,6 +11,10 @@ namespace qbv {
 // The organisation's mail domain this library was built for: only its users are monitored. Any thread.
 const char* mailDomain() noexcept;
 
+// Full label of a monitor's queue: the mail domain's words in reverse order, ".", the suffix; for example
+// "example.quibapp.mainthread.monitor". Any thread.
+std::string queueLabel(const std::string& suffix);
+
 }  // namespace qbv
 
 // Stateless. All operations: any thread, not in signal handlers.
