@@ -42,8 +42,11 @@ class QBV_EXPORT Files {
   // `truncate`.
   virtual int open(const std::string& path, bool truncate) = 0;
   virtual std::optional<std::uint64_t> size(int descriptor) = 0;
-  virtual int setSize(int descriptor, std::uint64_t size) = 0;  // 0 or an error number
-  virtual int sync(int descriptor) = 0;                         // 0 or an error number
+  // 0 or an error number. What is added reads as zeros and has its disk space reserved: storing into a
+  // mapping of it cannot fail later, also on a full disk (linux: posix_fallocate to grow, ftruncate to
+  // shrink).
+  virtual int setSize(int descriptor, std::uint64_t size) = 0;
+  virtual int sync(int descriptor) = 0;  // 0 or an error number
   virtual void close(int descriptor) = 0;
   // Shared, readable and writable, from the file's start. 0 and *mapping, or an error number and null.
   virtual int map(int descriptor, std::uint64_t size, void** mapping) = 0;

@@ -196,6 +196,8 @@ class QBV_EXPORT QBVitalscopeReport {
       const std::vector<std::string>& paths);
 
  private:
+  void createStandingFolders() const;
+
   qbv::SystemFacts system_;
   mutable std::mutex gateLock_;
   qbv::ReportGate gate_;
