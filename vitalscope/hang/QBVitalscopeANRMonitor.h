@@ -13,7 +13,7 @@
 #include "vitalscope/platform/clock.h"
 #include "vitalscope/platform/dispatch.h"
 #include "vitalscope/platform/export.h"
-#include "vitalscope/report/report_functions.h"
+#include "vitalscope/report/QBVReportFunctions.h"
 
 // Once a tick it posts a guard to the main queue and counts the earlier ones that are still unanswered: two
 // or more are a hang, graded by their number. When the main thread answers, a jump or a high level of the

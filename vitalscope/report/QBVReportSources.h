@@ -7,7 +7,7 @@
 #include <string>
 
 #include "vitalscope/platform/export.h"
-#include "vitalscope/report/report_functions.h"
+#include "vitalscope/report/QBVReportFunctions.h"
 
 namespace qbv {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -12,9 +12,8 @@
 #include "vitalscope/platform/dates.h"
 #include "vitalscope/platform/export.h"
 #include "vitalscope/platform/value.h"
-#include "vitalscope/report/report_functions.h"
-#include "vitalscope/report/report_gate.h"
-#include "vitalscope/report/system_facts.h"
+#include "vitalscope/report/QBVReportFunctions.h"
+#include "vitalscope/report/QBVSystemFacts.h"
 
 // Unless a function says otherwise: any thread, not in signal handlers; nothing throws; errors of the file
 // system are ignored, so a folder that cannot be written loses the report and nothing else happens. Paths may
@@ -27,7 +26,7 @@ class QBV_EXPORT QBVitalscopeReport {
   // Reads the system facts and the start time; in log-keeping builds also makes the folders that others write
   // to. Reachable for tests: an instance must live as long as the process, background work refers to it.
   QBVitalscopeReport();
-  ~QBVitalscopeReport() = default;
+  ~QBVitalscopeReport();
   QBVitalscopeReport(const QBVitalscopeReport&) = delete;
   QBVitalscopeReport& operator=(const QBVitalscopeReport&) = delete;
 
@@ -196,11 +195,12 @@ class QBV_EXPORT QBVitalscopeReport {
       const std::vector<std::string>& paths);
 
  private:
+  struct Gate;  // its state and the lock of one decision
   void createStandingFolders() const;
+  bool passGate(QBVReportReason reason, unsigned level);
 
   qbv::SystemFacts system_;
-  mutable std::mutex gateLock_;
-  qbv::ReportGate gate_;
+  std::unique_ptr<Gate> gate_;
   std::atomic<QBVReportReason> currentUploadReason_{QBVReportReasonNone};
   std::atomic<unsigned> currentUploadANRLevel_{0};
 };

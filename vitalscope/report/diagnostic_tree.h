@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "vitalscope/report/report_functions.h"
+#include "vitalscope/report/QBVReportFunctions.h"
 
 namespace qbv {
 

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "vitalscope/platform/value.h"
+#include "vitalscope/report/QBVReportFunctions.h"
+#include "vitalscope/report/QBVSystemFacts.h"
 #include "vitalscope/report/image_list.h"
-#include "vitalscope/report/report_functions.h"
-#include "vitalscope/report/system_facts.h"
 
 namespace qbv {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "vitalscope/platform/clock.h"
-#include "vitalscope/report/report_functions.h"
+#include "vitalscope/report/QBVReportFunctions.h"
 
 namespace qbv {
 

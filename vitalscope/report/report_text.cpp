@@ -5,6 +5,7 @@
 #include "vitalscope/report/QBVitalscopeReport.h"
 #include "vitalscope/report/image_list.h"
 #include "vitalscope/report/report_facts.h"
+#include "vitalscope/report/system_facts.h"
 
 namespace {
 

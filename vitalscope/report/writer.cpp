@@ -7,12 +7,9 @@
 
 namespace {
 
-qbv::AbsoluteTime now() {
-  return qbv::platform().clock.CFAbsoluteTimeGetCurrent();
-}
-
 std::string reportIdOfThisMoment() {
-  return QBVitalscopeReport::createDateFormatterInFileName(true).stringFromDate(now());
+  return QBVitalscopeReport::createDateFormatterInFileName(true).stringFromDate(
+      qbv::platform().clock.CFAbsoluteTimeGetCurrent());
 }
 
 }  // namespace
@@ -22,23 +19,10 @@ void QBVitalscopeReport::reportWithReason(QBVReportReason reason, unsigned level
   reportWithBacktrace(QBVitalscopeBacktrace::qbv_backtraceOfAllThread(), reason, level, extraData);
 }
 
-bool QBVitalscopeReport::enbleFirstReportInTimeScope(QBVReportReason reason) const {
-  const std::lock_guard hold(gateLock_);
-  return gate_.enbleFirstReportInTimeScope(reason, now());
-}
-
-bool QBVitalscopeReport::enableReportInTime(QBVReportReason reason) const {
-  const std::lock_guard hold(gateLock_);
-  return gate_.enableReportInTime(reason, now());
-}
-
 std::string QBVitalscopeReport::reportWithBacktrace(const std::optional<std::string>& backtrace,
                                                     QBVReportReason reason, unsigned level,
                                                     const qbv::Value& extraData) {
-  {
-    const std::lock_guard hold(gateLock_);
-    if (!gate_.decide(reason, level, now())) return "";
-  }
+  if (!passGate(reason, level)) return "";
   return writeToDiskWithBacktrace(backtrace, reason, level, extraData);
 }
 

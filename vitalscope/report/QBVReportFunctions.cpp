@@ -1,4 +1,4 @@
-#include "vitalscope/report/report_functions.h"
+#include "vitalscope/report/QBVReportFunctions.h"
 
 #include <array>
 #include <string>
