@@ -1,7 +1,13 @@
 #include "vitalscope/control/load.h"
 
+#include "vitalscope/control/QBVitalscope.h"
+#include "vitalscope/probes/QBVitalscopeBacktrace.h"
+
 namespace qbv {
 
-void load() {}
+void load() {
+  QBVitalscope::load();
+  QBVitalscopeBacktrace::load();
+}
 
 }  // namespace qbv

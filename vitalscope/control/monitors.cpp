@@ -1,0 +1,51 @@
+#include "vitalscope/control/monitors.h"
+
+#include <array>
+#include <optional>
+
+#include "vitalscope/control/QBVTool.h"
+#include "vitalscope/hang/QBVitalscopeANRMonitor.h"
+#include "vitalscope/report/QBVitalscopeReport.h"
+
+namespace qbv {
+
+namespace {
+
+// The gate of log-keeping builds, asked once and only when a monitor is reached that needs it.
+class LogVersionGate {
+ public:
+  bool lets(const Monitor& monitor) {
+    if (!monitor.needsLogVersion) return true;
+    if (!isLogVersion_) isLogVersion_ = QBVTool::isLogVersion();
+    return *isLogVersion_;
+  }
+
+ private:
+  std::optional<bool> isLogVersion_;
+};
+
+}  // namespace
+
+std::span<const Monitor> monitors() {
+  static constexpr std::array table = {
+      Monitor{"main thread", false, [] { QBVitalscopeANRMonitor::sharedInstance()->start(); },
+              [] { QBVitalscopeANRMonitor::sharedInstance()->stop(); }},
+      Monitor{"host log folder", true, [] { QBVitalscopeReport::sharedInstance()->cleanLogFile(); }, nullptr},
+  };
+  return table;
+}
+
+void startMonitors(std::span<const Monitor> monitors) {
+  if (!QBVTool::isInternalAccount()) return;
+  LogVersionGate gate;
+  for (const Monitor& monitor : monitors)
+    if (gate.lets(monitor)) monitor.start();
+}
+
+void stopMonitors(std::span<const Monitor> monitors) {
+  LogVersionGate gate;
+  for (const Monitor& monitor : monitors)
+    if (gate.lets(monitor) && monitor.stop != nullptr) monitor.stop();
+}
+
+}  // namespace qbv
