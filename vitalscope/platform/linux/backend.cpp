@@ -1,8 +1,10 @@
 #include "vitalscope/platform/linux/areas.h"
+#include "vitalscope/platform/linux/fork_guard.h"
 
 namespace qbv::linux_backend {
 
 const Platform& platform() {
+  watchForks();
   static const Platform set{task(),      images(), runtime(), dispatch(), runLoop(), notifications(),
                             processes(), files(),  clock(),   dates(),    log(),     hostInfo()};
   return set;

@@ -1,0 +1,111 @@
+#include "vitalscope/platform/run_loop.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <limits>
+#include <mutex>
+
+#include "vitalscope/platform/linux/areas.h"
+#include "vitalscope/platform/linux/fork_guard.h"
+#include "vitalscope/platform/linux/run_loop_queue.h"
+
+namespace qbv::linux_backend {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+// How often the loop looks for blocks when the process has no descriptor left to wake it with.
+constexpr int kBlindMilliseconds = 50;
+
+int blindTimeout(int timeoutMilliseconds) {
+  return timeoutMilliseconds < 0 ? kBlindMilliseconds : std::min(timeoutMilliseconds, kBlindMilliseconds);
+}
+
+int millisecondsUntil(SteadyClock::time_point deadline) {
+  using std::chrono::milliseconds;
+  const auto left = std::chrono::ceil<milliseconds>(deadline - SteadyClock::now()).count();
+  return static_cast<int>(std::clamp<milliseconds::rep>(left, 0, std::numeric_limits<int>::max()));
+}
+
+// Answers when the descriptor is readable or the time is over; a signal does not cut the wait short.
+void waitReadable(int descriptor, int timeoutMilliseconds) {
+  const bool endless = timeoutMilliseconds < 0;
+  const auto deadline = SteadyClock::now() + std::chrono::milliseconds(timeoutMilliseconds);
+  pollfd entry{descriptor, POLLIN, 0};
+  while (poll(&entry, 1, endless ? -1 : millisecondsUntil(deadline)) < 0 && errno == EINTR) {
+  }
+}
+
+class LinuxRunLoop final : public RunLoop {
+ public:
+  void run() override;
+  bool runOnce(int timeoutMilliseconds) override { return pass(timeoutMilliseconds); }
+  void stop() override;
+  int descriptor() override { return queue_.descriptor(); }
+  bool drain() override { return queue_.drain(); }
+
+ private:
+  // One run() that has not returned yet; the innermost is the head of the list.
+  struct Run {
+    Run* outer;
+    bool stopped = false;
+  };
+
+  bool pass(int timeoutMilliseconds);
+  bool stopped(const Run& run);
+
+  MainQueue& queue_ = MainQueue::shared();
+  std::mutex mutex_;
+  Run* innermost_ = nullptr;
+};
+
+// The activities of a loop are the steps of this function, in this order: before timers and before sources at
+// its start, before waiting and after waiting around the wait, which is left out when it would not sleep.
+bool LinuxRunLoop::pass(int timeoutMilliseconds) {
+  const int wake = queue_.descriptor();
+  if (wake < 0) timeoutMilliseconds = blindTimeout(timeoutMilliseconds);
+  waitReadable(wake, timeoutMilliseconds);
+  return queue_.drain();
+}
+
+void LinuxRunLoop::run() {
+  if (isForkedChild()) return;
+  Run self{nullptr};
+  {
+    const std::lock_guard lock(mutex_);
+    self.outer = innermost_;
+    innermost_ = &self;
+  }
+  while (!isForkedChild() && !stopped(self)) pass(-1);
+  if (isForkedChild()) return;
+  const std::lock_guard lock(mutex_);
+  innermost_ = self.outer;
+}
+
+bool LinuxRunLoop::stopped(const Run& run) {
+  const std::lock_guard lock(mutex_);
+  return run.stopped;
+}
+
+void LinuxRunLoop::stop() {
+  if (isForkedChild()) return;
+  {
+    const std::lock_guard lock(mutex_);
+    if (innermost_ == nullptr) return;
+    innermost_->stopped = true;
+  }
+  dispatch().dispatch_async(dispatch().dispatch_get_main_queue(), [] {});  // ends the wait
+}
+
+}  // namespace
+
+RunLoop& runLoop() {
+  static LinuxRunLoop* const instance = new LinuxRunLoop;
+  return *instance;
+}
+
+}  // namespace qbv::linux_backend
