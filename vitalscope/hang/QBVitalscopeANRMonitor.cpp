@@ -64,12 +64,12 @@ const qbv::DispatchTimerRef& QBVitalscopeANRMonitor::timer() {
 }
 
 void QBVitalscopeANRMonitor::handleANRMonitor() {
-  const std::lock_guard lock(tickLock_);
-  if (!isApplicationInActive()) {
+  if (tickRuns_.exchange(true, std::memory_order_acquire)) return;
+  if (isApplicationInActive())
+    saveReportInfoWithReason(check());
+  else
     stop();
-    return;
-  }
-  saveReportInfoWithReason(check());
+  tickRuns_.store(false, std::memory_order_release);
 }
 
 QBVitalscopeANRMonitor::Records QBVitalscopeANRMonitor::runTimeANRInfo() const {

@@ -63,7 +63,8 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
   Guards guardsArray() const;
 
  private:
-  // The tick. Only one runs at a time; it lasts as long as the report and the sample that it asks for.
+  // The tick. It lasts as long as the report and the sample that it asks for; one that comes while another
+  // runs does nothing.
   void handleANRMonitor();
   // What this tick finds: nothing, a blocked main thread, or CPU use.
   QBVReportReason check();
@@ -94,8 +95,8 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
   std::atomic<qbv::AbsoluteTime> lastReportTime_{0};
   double cpuPreValue_ = 0;  // percent; ticks only
 
-  std::mutex tickLock_;   // a restarted timer's first tick waits for the last tick of the old one
-  std::mutex timerLock_;  // start and stop against each other; the timer and the queue
+  std::atomic<bool> tickRuns_{false};  // a restarted timer's tick finds the last one of the old timer running
+  std::mutex timerLock_;               // start and stop against each other; the timer and the queue
   qbv::DispatchTimerRef timer_;
   qbv::DispatchQueueRef queue_;
   mutable std::mutex recordsLock_;  // held for copies and single changes only
