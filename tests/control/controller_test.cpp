@@ -1,0 +1,149 @@
+// What the host's notifications start and stop.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/control/scripted_host.h"
+#include "vitalscope/control/QBVTool.h"
+#include "vitalscope/control/QBVitalscope.h"
+#include "vitalscope/control/load.h"
+#include "vitalscope/control/monitors.h"
+#include "vitalscope/hang/QBVitalscopeANRMonitor.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kSignIn[] = "Noti_Login_FB_Login_Finished";
+constexpr char kSignOut[] = "Noti_LogOut";
+constexpr char kTermination[] = "Noti_KXProcessWillTerminate";
+
+std::vector<std::string> done;
+
+constexpr qbv::Monitor kTable[] = {
+    {"always", false, [] { done.push_back("start always"); }, [] { done.push_back("stop always"); }},
+    {"once", true, [] { done.push_back("once"); }, nullptr},
+    {"logs", true, [] { done.push_back("start logs"); }, [] { done.push_back("stop logs"); }},
+};
+
+class ControllerTest : public testing::Test {
+ protected:
+  void post(const char* name) {
+    scripted.notifications.defaultCenter().post(name);
+    scripted.runUntilIdle();
+  }
+  void defineInternalUser() { host.defineUser(internalEmail.c_str()); }
+  bool anrMonitorRuns() const { return QBVitalscopeANRMonitor::sharedInstance()->isStart(); }
+
+  qbv::ScriptedPlatform scripted;
+  ScriptedHost host{scripted.runtime};
+  const std::string internalEmail = std::string("someone@") + qbv::mailDomain();
+};
+
+TEST_F(ControllerTest, SequencesPassTheGatesInOrder) {
+  defineInternalUser();
+  host.defineLogVersion(1);
+  qbv::startMonitors(kTable);
+  EXPECT_THAT(done, ElementsAre("start always", "once", "start logs"));
+
+  done.clear();
+  qbv::stopMonitors(kTable);
+  EXPECT_THAT(done, ElementsAre("stop always", "stop logs"));
+
+  done.clear();
+  ScriptedHost::logVersion = 0;
+  qbv::startMonitors(kTable);
+  qbv::stopMonitors(kTable);
+  EXPECT_THAT(done, ElementsAre("start always", "stop always"));
+
+  done.clear();
+  ScriptedHost::email = "someone@elsewhere.example";
+  ScriptedHost::logVersion = 1;
+  qbv::startMonitors(kTable);
+  EXPECT_THAT(done, IsEmpty());
+  qbv::stopMonitors(kTable);
+  EXPECT_THAT(done, ElementsAre("stop always", "stop logs")) << "stopping asks nothing about the user";
+}
+
+TEST_F(ControllerTest, TableBeginsWithTheMonitorsOfEveryBuild) {
+  ASSERT_FALSE(qbv::monitors().empty());
+  EXPECT_FALSE(qbv::monitors().front().needsLogVersion);
+  bool needsLogs = false;
+  for (const qbv::Monitor& monitor : qbv::monitors()) {
+    EXPECT_NE(monitor.start, nullptr) << monitor.name;
+    EXPECT_TRUE(monitor.needsLogVersion || !needsLogs) << monitor.name << " stands after a log-version one";
+    needsLogs = monitor.needsLogVersion;
+  }
+}
+
+TEST_F(ControllerTest, LoadOnlyListensAndQueuesTheLaunchMeasurement) {
+  qbv::load();
+  EXPECT_EQ(scripted.dispatch.mainQueueLength(), 1U);
+  EXPECT_EQ(scripted.dispatch.pendingCount(), 0U);
+  EXPECT_THAT(scripted.dispatch.timers(), IsEmpty());
+  EXPECT_THAT(scripted.dispatch.queueLabels(), IsEmpty());
+  EXPECT_THAT(scripted.files.operations(), IsEmpty());
+  const auto& centre = scripted.notifications.defaultCenter();
+  for (const char* name :
+       {kSignIn, kSignOut, kTermination, "performance_dashboard", "user_method_time_profile"})
+    EXPECT_EQ(centre.observerCount(name), 1U) << name;
+}
+
+TEST_F(ControllerTest, HostsNotificationsStartAndStopOnTheGlobalQueue) {
+  qbv::load();
+  defineInternalUser();
+  scripted.notifications.defaultCenter().post(kSignIn);
+  EXPECT_EQ(ScriptedHost::emailQuestions, 0) << "nothing runs on the posting thread";
+  scripted.runUntilIdle();
+  EXPECT_TRUE(anrMonitorRuns());
+  post(kSignIn);
+  EXPECT_TRUE(anrMonitorRuns());
+  EXPECT_EQ(scripted.dispatch.liveTimerCount(), 1U) << "in a build without logs nothing else runs";
+
+  post(kSignOut);
+  EXPECT_FALSE(anrMonitorRuns());
+  post(kSignIn);
+  EXPECT_TRUE(anrMonitorRuns());
+  post(kTermination);
+  EXPECT_FALSE(anrMonitorRuns());
+}
+
+TEST_F(ControllerTest, NothingStartsForOthersAndStoppingIsHarmless) {
+  qbv::load();
+  host.defineLogVersion(1);
+  host.defineUser("someone@elsewhere.example");
+  post(kSignIn);
+  EXPECT_THAT(scripted.dispatch.timers(), IsEmpty());
+  post(kSignOut);
+  post(kTermination);
+  EXPECT_THAT(scripted.dispatch.timers(), IsEmpty());
+}
+
+TEST_F(ControllerTest, DebugSwitchesWorkAtAnyTimeAndEachTime) {
+  qbv::load();
+  QBVitalscope& controller = *QBVitalscope::sharedInstance();
+  post("performance_dashboard");  // nothing is plugged in yet
+  int dashboard = 0;
+  int profiler = 0;
+  controller.setDebugAction(QBVitalscope::DebugSwitch::dashboard, [&] { ++dashboard; });
+  controller.setDebugAction(QBVitalscope::DebugSwitch::timeProfiler, [&] { ++profiler; });
+  post("performance_dashboard");
+  post("performance_dashboard");
+  post("user_method_time_profile");
+  EXPECT_EQ(dashboard, 2);
+  EXPECT_EQ(profiler, 1);
+  controller.notiPerformanceDebug({"something_else", {}});
+  EXPECT_EQ(dashboard + profiler, 3);
+}
+
+TEST_F(ControllerTest, HostMayStopTheMonitorsWhenItResigns) {
+  qbv::load();
+  defineInternalUser();
+  post(kSignIn);
+  QBVitalscope::sharedInstance()->appLifeCycleResignActiveNotify({});
+  EXPECT_TRUE(anrMonitorRuns());
+  scripted.runUntilIdle();
+  EXPECT_FALSE(anrMonitorRuns());
+}
+
+}  // namespace
