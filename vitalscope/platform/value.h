@@ -69,6 +69,7 @@ class QBV_EXPORT Value {
   friend bool operator==(const Value&, const Value&) = default;
 
  private:
+  friend struct ValueJson;
   std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string, Date, Array,
                Dictionary>
       data_;

@@ -3,9 +3,9 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,7 +20,7 @@ struct ScriptedTimerInfo {
   std::uint64_t intervalNanoseconds = 0;
   std::uint64_t leewayNanoseconds = 0;
   bool resumed = false;
-  bool cancelled = false;  // also when the last reference to it is gone
+  bool cancelled = false;  // or nobody refers to it any more
   unsigned firings = 0;    // runs of the handler that have begun
 };
 
@@ -33,15 +33,15 @@ struct ScriptedTimerInfo {
 // they take long: other queues' timers then fire inside that call, those of a serial queue that is busy wait
 // and merge. A block that puts itself back for ever makes runUntilIdle() run for ever.
 //
-// A timer lives as long as somebody holds a reference to it. Any thread; no lock is held while blocks run.
+// A timer that nobody refers to any more does not fire. Any thread; no lock is held while blocks run.
 class ScriptedDispatch final : public Dispatch {
  public:
   explicit ScriptedDispatch(ScriptedClock& clock);
   ~ScriptedDispatch() override;
 
   DispatchQueueRef dispatch_queue_create(const std::string& label, QueueKind kind) override;
-  DispatchQueueRef dispatch_get_global_queue() override;  // label "com.apple.root.default-qos"
-  DispatchQueueRef dispatch_get_main_queue() override;    // label "com.apple.main-thread"
+  DispatchQueueRef dispatch_get_global_queue() override;  // label "global"
+  DispatchQueueRef dispatch_get_main_queue() override;    // label "main"
   void dispatch_async(const DispatchQueueRef& queue, Block block) override;
   DispatchTimerRef dispatch_source_create(const DispatchQueueRef& queue) override;
   // An interval of 0 counts as one nanosecond. Setting a resumed timer starts it anew.
@@ -79,13 +79,16 @@ class ScriptedDispatch final : public Dispatch {
  private:
   struct Queue;
   struct Timer;
+  struct TimerHandle;
   struct Item;
 
-  void enqueueDue(std::uint64_t now);
-  std::uint64_t nextDue();
+  static std::shared_ptr<Timer> timerOf(const DispatchTimerRef& timer);
+  void push(const std::shared_ptr<Queue>& queue, Item item);
+  void enqueueDue();
+  std::optional<std::uint64_t> nextDue();
   std::shared_ptr<Queue> nextRunnable();
   void runFront(std::unique_lock<std::mutex>& lock, Queue& queue);
-  std::shared_ptr<Timer> timerOf(const DispatchTimerRef& timer);
+  void fire(std::unique_lock<std::mutex>& lock, Timer& timer);
 
   ScriptedClock& clock_;
   std::mutex mutex_;
@@ -94,10 +97,8 @@ class ScriptedDispatch final : public Dispatch {
   std::uint64_t nextSequence_ = 0;
   std::shared_ptr<Queue> mainQueue_;
   std::shared_ptr<Queue> globalQueue_;
-  std::vector<std::weak_ptr<Queue>> queues_;     // all but the main queue
-  std::vector<std::shared_ptr<Queue>> working_;  // those of them that have items
-  std::vector<std::weak_ptr<Timer>> timers_;
-  std::vector<std::shared_ptr<ScriptedTimerInfo>> timerInfos_;
+  std::vector<std::shared_ptr<Queue>> working_;  // queues with items, without the main one
+  std::vector<std::shared_ptr<Timer>> timers_;   // all that were ever made
   std::vector<std::string> queueLabels_;
 };
 

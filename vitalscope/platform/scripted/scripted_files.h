@@ -94,13 +94,17 @@ class ScriptedFiles final : public Files {
     int error;
     unsigned skip;
     unsigned times;
+    bool spent;
   };
-  // Error number of a scripted failure, 0 when the call may go on. Notes the operation.
+  // Notes the operation, as failed until finish() says otherwise. The error number of a scripted failure, 0
+  // when the call may go on.
   int begin(FileCall call, const std::string& path);
-  int beginOnDescriptor(FileCall call, int descriptor);
-  bool finish(FileCall call, const std::string& path, bool succeeded);
+  bool finish(bool succeeded);
+  int openFile(const std::string& path, bool truncate);
+  std::string pathOf(int descriptor) const;
   void noteCreated(const std::string& path);
   void forget(const std::string& path);
+  static std::string normalised(const std::string& path);
 
   ScriptedClock& clock_;
   std::string home_;

@@ -1,7 +1,8 @@
 // The main thread's loop, turned by the test.
 #pragma once
 
-#include <atomic>
+#include <mutex>
+#include <vector>
 
 #include "vitalscope/platform/run_loop.h"
 #include "vitalscope/platform/scripted/scripted_dispatch.h"
@@ -13,7 +14,8 @@ class ScriptedRunLoop final : public RunLoop {
  public:
   explicit ScriptedRunLoop(ScriptedDispatch& dispatch) : dispatch_(dispatch) {}
 
-  // Blocks for real until another thread or a block calls stop(), draining what other threads bring.
+  // Blocks for real until another thread or a block calls stop(), draining what other threads bring. A stop()
+  // while nothing runs is forgotten.
   void run() override;
   // Drains once. When nothing waits, a positive timeout moves the scripted clock by it and drains then; a
   // negative one blocks for real until another thread brings work.
@@ -26,7 +28,8 @@ class ScriptedRunLoop final : public RunLoop {
 
  private:
   ScriptedDispatch& dispatch_;
-  std::atomic<bool> stopped_{false};
+  std::mutex mutex_;
+  std::vector<bool> stopped_;  // one for each run() that runs, the innermost last
 };
 
 }  // namespace qbv

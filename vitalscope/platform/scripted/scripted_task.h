@@ -133,22 +133,29 @@ class ScriptedTask final : public Task {
     std::optional<ThreadPort> thread;
     unsigned skip;
     unsigned times;
+    bool spent;
   };
+  struct ListedThread : ScriptedThread {
+    unsigned suspensions = 0;
+  };
+  using Pieces = std::map<std::uint64_t, std::vector<std::byte>>;
+  using Piece = Pieces::value_type;
 
-  ScriptedThread* find(ThreadPort port);
+  ListedThread* find(ThreadPort port);
   std::optional<KernReturn> scriptedFailure(TaskCall call, ThreadPort thread);
   KernReturn record(TaskCall call, KernReturn result, ThreadPort thread = 0, std::uint64_t address = 0);
-  KernReturn readMapped(std::uint64_t address, std::size_t size, std::byte* buffer);
+  KernReturn readMemory(std::uint64_t address, std::size_t size, std::byte* buffer);
+  KernReturn readReal(std::uint64_t address, std::size_t size, std::byte* buffer) const;
+  const Piece* pieceAt(std::uint64_t address) const;
   ThreadPort selfLocked() const;
 
   mutable std::mutex mutex_;
-  std::vector<ScriptedThread> threads_;
-  std::map<ThreadPort, int> suspensions_;
+  std::vector<ListedThread> threads_;
   std::map<ThreadPort, int> portsOut_;
   std::map<const void*, std::unique_ptr<ThreadPort[]>> lists_;
   std::map<const void*, std::size_t> listSizes_;
   std::vector<Failure> failures_;
-  std::map<std::uint64_t, std::vector<std::byte>> memory_;
+  Pieces memory_;
   std::map<std::uint64_t, KernReturn> failingReads_;
   bool readsRealMemory_ = false;
   ThreadPort self_ = kSelf;

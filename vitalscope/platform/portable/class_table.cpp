@@ -1,0 +1,119 @@
+#include "vitalscope/platform/portable/class_table.h"
+
+namespace qbv {
+
+namespace {
+
+constexpr char kRootName[] = "NSObject";
+
+const objc_method* ownMethod(Class cls, SEL selector) noexcept {
+  const objc_method* method = cls->methods.load(std::memory_order_acquire);
+  while (method != nullptr && method->selector != selector) method = method->next;
+  return method;
+}
+
+const objc_method* findMethod(Class cls, SEL selector) noexcept {
+  for (; cls != nullptr; cls = cls->superclass)
+    if (const objc_method* const method = ownMethod(cls, selector)) return method;
+  return nullptr;
+}
+
+}  // namespace
+
+ClassTable::ClassTable() {
+  const std::lock_guard lock(mutex_);
+  makeClass(kRootName, nullptr);
+}
+
+ClassTable::~ClassTable() = default;
+
+Class ClassTable::NSClassFromString(const char* name) {
+  if (name == nullptr) return nullptr;
+  const std::shared_lock lock(mutex_);
+  const auto found = classOfName_.find(name);
+  return found == classOfName_.end() ? nullptr : found->second;
+}
+
+SEL ClassTable::NSSelectorFromString(const char* name) {
+  const std::string_view wanted = name == nullptr ? "" : name;
+  {
+    const std::shared_lock lock(mutex_);
+    const auto found = selectorOfName_.find(wanted);
+    if (found != selectorOfName_.end()) return found->second;
+  }
+  const std::lock_guard lock(mutex_);
+  const auto found = selectorOfName_.find(wanted);
+  if (found != selectorOfName_.end()) return found->second;
+  const std::string& text = texts_.emplace_back(wanted);
+  const SEL selector = &selectors_.emplace_back(objc_selector{text.c_str()});
+  selectorOfName_.emplace(text, selector);
+  return selector;
+}
+
+Class ClassTable::defineClass(const char* name, Class superclass) {
+  if (name == nullptr) return nullptr;
+  const std::lock_guard lock(mutex_);
+  const auto found = classOfName_.find(name);
+  if (found != classOfName_.end()) return found->second;
+  return makeClass(name, superclass != nullptr ? superclass : classOfName_.at(kRootName));
+}
+
+Class ClassTable::makeClass(const char* name, Class superclass) {
+  const std::string& text = texts_.emplace_back(name);
+  objc_class& meta = classes_.emplace_back();
+  objc_class& cls = classes_.emplace_back();
+  // Every metaclass is an instance of the root metaclass, which is its own.
+  meta.isa = superclass == nullptr ? &meta : superclass->isa->isa;
+  meta.superclass = superclass == nullptr ? &cls : superclass->isa;
+  meta.isMetaclass = true;
+  cls.isa = &meta;
+  cls.superclass = superclass;
+  meta.name = cls.name = text.c_str();
+  classOfName_.emplace(text, &cls);
+  return &cls;
+}
+
+void ClassTable::addInstanceMethod(Class cls, SEL selector, IMP implementation, const char* types) {
+  if (cls != nullptr) addMethod(cls, selector, implementation, types);
+}
+
+void ClassTable::addClassMethod(Class cls, SEL selector, IMP implementation, const char* types) {
+  if (cls != nullptr) addMethod(cls->isa, selector, implementation, types);
+}
+
+void ClassTable::addMethod(Class cls, SEL selector, IMP implementation, const char* types) {
+  if (selector == nullptr || implementation == nullptr) return;
+  const std::lock_guard lock(mutex_);
+  const std::string& text = texts_.emplace_back(types == nullptr ? "" : types);
+  const MethodBody* const body = &bodies_.emplace_back(MethodBody{implementation, text.c_str()});
+  objc_method* method = const_cast<objc_method*>(ownMethod(cls, selector));
+  if (method != nullptr) {
+    method->body.store(body, std::memory_order_release);
+    return;
+  }
+  method = &methods_.emplace_back();
+  method->selector = selector;
+  method->body.store(body, std::memory_order_relaxed);
+  method->next = cls->methods.load(std::memory_order_relaxed);
+  cls->methods.store(method, std::memory_order_release);
+}
+
+id ClassTable::createInstance(Class cls) {
+  if (cls == nullptr) return nullptr;
+  const std::lock_guard lock(mutex_);
+  return &instances_.emplace_back(objc_object{cls});
+}
+
+bool ClassTable::respondsToSelector(id receiver, SEL selector) {
+  return receiver != nullptr && findMethod(receiver->isa, selector) != nullptr;
+}
+
+IMP ClassTable::methodForSelector(id receiver, SEL selector, const char** types) {
+  const objc_method* const method = receiver == nullptr ? nullptr : findMethod(receiver->isa, selector);
+  if (method == nullptr) return nullptr;
+  const MethodBody* const body = method->body.load(std::memory_order_acquire);
+  if (types != nullptr) *types = body->types;
+  return body->implementation;
+}
+
+}  // namespace qbv
