@@ -1,0 +1,124 @@
+// A host application that does what it is told, one command a line on its standard input:
+//   signin | signout | active | inactive     post the notification
+//   turn SECONDS                             let the main loop turn
+//   block SECONDS | spin SECONDS             keep the main thread from answering
+//   load LIBRARY                             load a library on another thread, and wait for that
+//   exit
+// It answers each with "done COMMAND". Arguments: --log | --no-log, --email ADDRESS.
+#include <dlfcn.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "blocked_work.h"
+#include "vitalscope/platform/platform.h"
+
+namespace {
+
+bool keepsLogs = true;
+std::string email;
+qbv::id profile = nullptr;
+
+void defineHostClasses() {
+  using qbv::ClassDefinition, qbv::id, qbv::SEL;
+  qbv::Runtime& runtime = qbv::platform().runtime;
+  profile = ClassDefinition(runtime, "EndToEndProfile")
+                .method(
+                    "getEmail", +[](id, SEL) -> const char* { return email.c_str(); })
+                .instance();
+  ClassDefinition(runtime, "QBKXAppInterfaceAdapter")
+      .classMethod(
+          "sharedUserProfileInstance", +[](id, SEL) -> id { return profile; });
+  ClassDefinition(runtime, "NSBundle")
+      .classMethod(
+          "isLogVersion", +[](id, SEL) -> bool { return keepsLogs; });
+}
+
+// The host has a loop of its own, which polls the main queue's descriptor with everything else.
+void turn(double seconds) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::duration<double>(seconds);
+  qbv::RunLoop& loop = qbv::platform().runLoop;
+  while (Clock::now() < end) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+    pollfd entry{loop.descriptor(), POLLIN, 0};
+    if (poll(&entry, 1, static_cast<int>(left.count())) > 0) loop.drain();
+  }
+}
+
+// Waits for a line of input, turning the loop meanwhile. False at the end of the input.
+bool readCommand(std::string& line) {
+  line.clear();
+  qbv::RunLoop& loop = qbv::platform().runLoop;
+  for (;;) {
+    pollfd entries[] = {{STDIN_FILENO, POLLIN, 0}, {loop.descriptor(), POLLIN, 0}};
+    if (poll(entries, 2, -1) < 0) continue;
+    if (entries[1].revents != 0) loop.drain();
+    if (entries[0].revents == 0) continue;
+    char letter = 0;
+    if (read(STDIN_FILENO, &letter, 1) != 1) return false;
+    if (letter == '\n') return true;
+    line += letter;
+  }
+}
+
+void post(const char* name) {
+  qbv::platform().notifications.defaultCenter().post(name);
+}
+
+bool obey(const std::string& line) {
+  std::istringstream words(line);
+  std::string verb;
+  words >> verb;
+  double seconds = 0;
+  std::string library;
+  if (verb == "signin")
+    post("Noti_Login_FB_Login_Finished");
+  else if (verb == "signout")
+    post("Noti_LogOut");
+  else if (verb == "active")
+    post(qbv::NSApplicationDidBecomeActiveNotification);
+  else if (verb == "inactive")
+    post(qbv::NSApplicationDidResignActiveNotification);
+  else if (verb == "turn" && words >> seconds)
+    turn(seconds);
+  else if (verb == "block" && words >> seconds)
+    importAttachments(seconds);
+  else if (verb == "spin" && words >> seconds)
+    recalculateSheet(seconds);
+  else if (verb == "load" && words >> library)
+    std::thread([&] {
+      if (dlopen(library.c_str(), RTLD_NOW) == nullptr) std::fprintf(stderr, "%s\n", dlerror());
+    }).join();
+  else
+    return false;
+  return true;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  for (int index = 1; index < count; ++index) {
+    const std::string option = arguments[index];
+    if (option == "--log" || option == "--no-log")
+      keepsLogs = option == "--log";
+    else if (option == "--email" && index + 1 < count)
+      email = arguments[++index];
+    else
+      return 2;
+  }
+  defineHostClasses();
+  for (std::string line; readCommand(line);) {
+    if (line == "exit") return 0;
+    if (!obey(line)) return 3;
+    std::printf("done %s\n", line.c_str());
+    std::fflush(stdout);
+  }
+  return 0;
+}
