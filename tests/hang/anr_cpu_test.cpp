@@ -28,19 +28,24 @@ TEST_F(ANRCPUTest, JumpIsAFindingWithoutALevelAndWithoutAReportFile) {
 }
 
 TEST_F(ANRCPUTest, JumpMustExceedTenPointsAndLevelSeventy) {
-  setCPUPercent(10);
+  setCPUPercent(9);
   start();
-  setCPUPercent(20);
-  ticksWhileAnswering(1);
-  for (int percent = 30; percent <= 70; percent += 10) {
+  for (int percent = 18; percent <= 63; percent += 9) {
     setCPUPercent(percent);
     ticksWhileAnswering(1);
   }
+  setCPUPercent(70);
+  ticksWhileAnswering(1);
   EXPECT_EQ(monitor->anrTimes(), 0);
+
   setCPUPercent(71);
   ticksWhileAnswering(1);
   EXPECT_EQ(monitor->anrTimes(), 1);
   EXPECT_THAT(monitor->cpuUseageRecords(), IsEmpty());
+
+  setCPUPercent(82);
+  ticksWhileAnswering(1);
+  EXPECT_THAT(monitor->cpuUseageRecords(), ElementsAre("82%"));
 }
 
 TEST_F(ANRCPUTest, SteadyHighUseIsFoundEveryTickAndReportedEveryFiveSeconds) {
