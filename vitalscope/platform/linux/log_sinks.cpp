@@ -23,9 +23,17 @@ namespace {
 
 constexpr std::size_t kSmallestPiece = 1024;  // what every system log takes
 
+bool waitWritable(int descriptor) {
+  pollfd entry{descriptor, POLLOUT, 0};
+  return poll(&entry, 1, 1000) == 1;
+}
+
 bool sendPiece(int socketDescriptor, const std::string& header, std::string_view text) {
   const std::string datagram = header + std::string(text);
-  return send(socketDescriptor, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+  const auto trySend = [&] {
+    return send(socketDescriptor, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0;
+  };
+  return trySend() || (errno == EAGAIN && waitWritable(socketDescriptor) && trySend());
 }
 
 // Length of the next piece: at most `limit`, up to a line's end where there is one.
@@ -75,11 +83,6 @@ class PipeSignalHeld {
   bool alreadyPending_ = false;
   bool broken_ = false;
 };
-
-bool waitWritable(int descriptor) {
-  pollfd entry{descriptor, POLLOUT, 0};
-  return poll(&entry, 1, 1000) == 1;
-}
 
 }  // namespace
 
