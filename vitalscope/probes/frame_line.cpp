@@ -21,12 +21,14 @@ void appendPadded(std::string& text, std::string_view field, std::size_t columns
 class NumberText {
  public:
   template <typename Number>
-  NumberText(Number value, int base) : end_(std::to_chars(digits_.begin(), digits_.end(), value, base).ptr) {}
+  NumberText(Number value, int base) {
+    end_ = std::to_chars(digits_.begin(), digits_.end(), value, base).ptr;
+  }
   operator std::string_view() const { return {digits_.begin(), end_}; }
 
  private:
   std::array<char, 24> digits_;
-  const char* end_;
+  const char* end_ = nullptr;
 };
 
 std::array<char, 18> fullHex(std::uint64_t value) {
