@@ -113,6 +113,7 @@ TEST_F(ANRLifecycleTest, RestartWhileATickStillReportsDoesNotRunASecondTickBesid
 }
 
 TEST_F(ANRLifecycleTest, OtherThreadsMayLookAndSwitchWhileTicksRun) {
+  start();
   std::atomic<bool> done{false};
   std::thread reader([&] {
     while (!done) {

@@ -39,6 +39,15 @@ void QBVitalscopeANRMonitor::start() {
 
 void QBVitalscopeANRMonitor::stop() {
   const std::lock_guard lock(timerLock_);
+  dropTimer();
+}
+
+void QBVitalscopeANRMonitor::stopUnlessAwake() {
+  const std::lock_guard lock(timerLock_);
+  if (!isApplicationInActive()) dropTimer();
+}
+
+void QBVitalscopeANRMonitor::dropTimer() {
   if (timer_ == nullptr) return;
   platform().dispatch.dispatch_source_cancel(timer_);
   timer_.reset();
@@ -68,7 +77,7 @@ void QBVitalscopeANRMonitor::handleANRMonitor() {
   if (isApplicationInActive())
     saveReportInfoWithReason(check());
   else
-    stop();
+    stopUnlessAwake();
   tickRuns_.store(false, std::memory_order_release);
 }
 

@@ -82,9 +82,13 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
   void appLifeCycleResignActiveNotify();
   void appLifeCycleBecomeActiveNotify();
 
-  // Made on first use; for callers that hold timerLock_.
+  // For the tick of a sleeping machine: a wake that came meanwhile has the last word.
+  void stopUnlessAwake();
+
+  // For callers that hold timerLock_. The first two are made on first use.
   const qbv::DispatchQueueRef& queue();
   const qbv::DispatchTimerRef& timer();
+  void dropTimer();
 
   std::atomic<bool> isApplicationInActive_{true};
   std::atomic<bool> isStart_{false};
