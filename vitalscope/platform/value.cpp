@@ -189,8 +189,11 @@ std::optional<std::string> Value::jsonText(bool pretty) const {
 
 std::optional<Value> Value::fromJSON(const std::string& text) {
   bool tooDeep = false;
-  const auto watchDepth = [&tooDeep](int depth, Json::parse_event_t, const Json&) {
-    if (depth > kDeepest) tooDeep = true;
+  // The depth of a container's start is the number of containers around it.
+  const auto watchDepth = [&tooDeep](int depth, Json::parse_event_t event, const Json&) {
+    const bool starts =
+        event == Json::parse_event_t::array_start || event == Json::parse_event_t::object_start;
+    if (starts && depth >= kDeepest) tooDeep = true;
     return !tooDeep;
   };
   const Json json = Json::parse(text, watchDepth, /*allow_exceptions=*/false);

@@ -20,7 +20,7 @@ struct ScriptedSymbol {
   std::uint16_t desc = 0;
   std::uint8_t type = 0x0f;
   std::uint8_t sect = 1;
-  std::optional<std::uint32_t> nameOffset;  // instead of the name's own place in the string table
+  std::optional<std::uint32_t> nameOffset = {};  // instead of the name's own place in the string table
 };
 
 // An image in memory at a fixed address. Its bytes lie in a block of exactly their size, so that a read past

@@ -39,8 +39,8 @@ struct TaskCallRecord {
 
 struct ScriptedThread {
   ThreadPort port = 0;
-  ThreadBasicInfo info;
-  ThreadState state;
+  ThreadBasicInfo info{};
+  ThreadState state{};
 };
 
 // A process without threads, with no memory but what is mapped here. Any thread. The record of calls has room
