@@ -1,0 +1,34 @@
+// Where an ELF object keeps its symbols and function starts. Nothing read is trusted: what makes no sense is
+// answered with "none", and every loop is bounded by the size of the source.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "vitalscope/platform/linux/byte_source.h"
+#include "vitalscope/platform/linux/elf_object.h"
+
+namespace qbv::linux_backend {
+
+// Positions in the source that was asked.
+struct SymbolTablePlace {
+  std::uint64_t symbols = 0;
+  std::uint64_t count = 0;
+  std::uint64_t strings = 0;
+  std::uint64_t stringsSize = 0;
+};
+
+// The dynamic symbol table of a loaded object, by its dynamic section and hash table.
+std::optional<SymbolTablePlace> dynamicSymbols(const ByteSource& memory, const ElfObject& object);
+
+// The full symbol table of a file, by its section headers.
+std::optional<SymbolTablePlace> fileSymbols(const ByteSource& file);
+
+// Whether the file is the one that is loaded: the same build id or, without one, the same layout.
+bool isFileOf(const ByteSource& file, const ElfObject& object);
+
+// Appends the linked address of every function that has call-frame information, in ascending order unless the
+// object is damaged. What cannot be read is left out.
+void functionStarts(const ByteSource& memory, const ElfObject& object, PageVector<std::uint64_t>& starts);
+
+}  // namespace qbv::linux_backend

@@ -1,0 +1,162 @@
+#include <climits>
+#include <cstring>
+#include <new>
+
+#include "vitalscope/platform/linux/image_description.h"
+#include "vitalscope/platform/linux/image_names.h"
+#include "vitalscope/platform/linux/images.h"
+
+namespace qbv::linux_backend {
+
+namespace {
+
+// Address space is set aside for this many; pages are committed as places are used.
+constexpr std::uint32_t kMostImages = 65536;
+
+}  // namespace
+
+struct LoadedImages::Scan {
+  LoadedImages* list = nullptr;
+  std::unique_lock<std::mutex> lock;
+  std::uint64_t adds = 0;
+  std::uint64_t subs = 0;
+  std::uint32_t next = 0;  // the place that the next object probably has
+  LoadedImage* firstPending = nullptr;
+  LoadedImage* lastPending = nullptr;
+  bool first = true;
+};
+
+LoadedImages::LoadedImages()
+    : places_(static_cast<Place*>(takePages(kMostImages * sizeof(Place)))), ranges_(kMostImages) {
+  takeIn();
+}
+
+std::uint32_t LoadedImages::_dyld_image_count() {
+  struct Counters {
+    std::uint64_t adds, subs;
+  } now{};
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, std::size_t, void* counters) {
+        *static_cast<Counters*>(counters) = {info->dlpi_adds, info->dlpi_subs};
+        return 1;
+      },
+      &now);
+  if (now.adds != adds_.load(std::memory_order_acquire) ||
+      now.subs != subs_.load(std::memory_order_acquire)) {
+    takeIn();
+  }
+  return count_.load(std::memory_order_acquire);
+}
+
+void LoadedImages::takeIn() {
+  Scan scan;
+  scan.list = this;
+  dl_iterate_phdr(takeInObject, &scan);
+  if (scan.lock.owns_lock()) settle(scan);
+}
+
+int LoadedImages::takeInObject(dl_phdr_info* info, std::size_t, void* argument) {
+  Scan& scan = *static_cast<Scan*>(argument);
+  if (scan.first) {
+    scan.lock = std::unique_lock(scan.list->scanning_);
+    ++scan.list->scans_;
+    scan.adds = info->dlpi_adds;
+    scan.subs = info->dlpi_subs;
+  }
+  scan.list->meet(scan, *info);
+  scan.first = false;
+  return 0;
+}
+
+bool LoadedImage::is(const dl_phdr_info& info, const ElfObject& found, bool first) const {
+  return object.slide == found.slide && object.mapped.start == found.mapped.start &&
+         object.layout == found.layout && object.buildId == found.buildId && executable == first &&
+         (executable || std::strcmp(name, info.dlpi_name) == 0);
+}
+
+void LoadedImages::meet(Scan& scan, const dl_phdr_info& info) {
+  const ElfObject object = readLoadedObject(info);
+  if (object.mapped.end == 0 || places_ == nullptr) return;
+  LoadedImage* image = placed(scan, info, object);
+  if (image == nullptr) {
+    image = all_;
+    while (image != nullptr && (image->scan == scans_ || !image->is(info, object, scan.first)))
+      image = image->older;
+    if (image == nullptr) image = make(info, object, scan.first);
+    if (image == nullptr) return;
+    image->pending = nullptr;
+    (scan.lastPending != nullptr ? scan.lastPending->pending : scan.firstPending) = image;
+    scan.lastPending = image;
+  }
+  image->scan = scans_;
+}
+
+// The loader reports objects in the order of the list, new ones at the end.
+LoadedImage* LoadedImages::placed(Scan& scan, const dl_phdr_info& info, const ElfObject& object) {
+  const std::uint32_t count = count_.load(std::memory_order_relaxed);
+  for (std::uint32_t step = 0; step < count; ++step) {
+    const std::uint32_t index = (scan.next + step) % count;
+    LoadedImage* const image = places_[index].load(std::memory_order_relaxed);
+    if (image == nullptr || !image->is(info, object, scan.first)) continue;
+    scan.next = index + 1;
+    return image;
+  }
+  return nullptr;
+}
+
+const char* LoadedImages::keep(const char* text) {
+  const std::size_t size = std::strlen(text) + 1;
+  void* const kept = arena_.take(size);
+  return kept != nullptr ? static_cast<const char*>(std::memcpy(kept, text, size)) : nullptr;
+}
+
+LoadedImage* LoadedImages::make(const dl_phdr_info& info, const ElfObject& object, bool executable) {
+  char path[PATH_MAX] = "";
+  if (executable) executablePath(path);
+  const char* const name = keep(executable ? path : info.dlpi_name);
+  const std::size_t size = descriptionSize(object, false);
+  auto* const block = static_cast<std::byte*>(arena_.take(size));
+  void* const memory = arena_.take(sizeof(LoadedImage));
+  if (name == nullptr || block == nullptr || memory == nullptr) return nullptr;
+  auto* const image = new (memory) LoadedImage;
+  image->object = object;
+  image->executable = executable;
+  image->name = name;
+  const char* const opened = executable ? executableFile() : nullptr;
+  image->file = opened != nullptr ? opened : std::strchr(name, '/') != nullptr ? name : nullptr;
+  writeDescription(object, executable, {block, size}, nullptr);
+  image->plain = {block, size};
+  image->older = all_;
+  return all_ = image;
+}
+
+// First the places of what is gone become empty, then what is new takes empty places and new ones.
+void LoadedImages::settle(Scan& scan) {
+  std::uint32_t count = count_.load(std::memory_order_relaxed);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const LoadedImage* const image = places_[i].load(std::memory_order_relaxed);
+    if (image != nullptr && image->scan != scans_) places_[i].store(nullptr, std::memory_order_release);
+  }
+  std::uint32_t empty = 0;
+  for (LoadedImage* image = scan.firstPending; image != nullptr; image = image->pending) {
+    while (empty < count && places_[empty].load(std::memory_order_relaxed) != nullptr) ++empty;
+    if (empty == kMostImages) break;
+    places_[empty].store(image, std::memory_order_release);
+    if (empty == count) count_.store(++count, std::memory_order_release);
+  }
+  publishRanges(count);
+  adds_.store(scan.adds, std::memory_order_release);
+  subs_.store(scan.subs, std::memory_order_release);
+}
+
+void LoadedImages::publishRanges(std::uint32_t count) {
+  static_cast<void>(sorting_.resize(0));
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const LoadedImage* const image = places_[i].load(std::memory_order_relaxed);
+    if (image == nullptr) continue;
+    if (!sorting_.push({image->object.mapped.start, image->object.mapped.end, i})) break;
+  }
+  ranges_.publish({sorting_.begin(), sorting_.size()});
+}
+
+}  // namespace qbv::linux_backend
