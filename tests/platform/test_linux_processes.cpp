@@ -18,6 +18,7 @@
 #include "tests/platform/temporary_folder.h"
 #include "vitalscope/platform/linux/areas.h"
 #include "vitalscope/platform/linux/child_environment.h"
+#include "vitalscope/platform/scripted/scripted_platform.h"
 
 namespace qbv {
 namespace {
@@ -157,6 +158,15 @@ TEST_F(OpenFileTest, HandsThePathOverAndDoesNotWait) {
   std::string told;
   std::getline(std::ifstream(folder / "told"), told);
   EXPECT_EQ(told, "1:" + path);
+}
+
+TEST_F(OpenFileTest, AMissingOpenerIsLoggedOnce) {
+  const ScriptedPlatform scripted;
+  ::setenv("PATH", folder.path().c_str(), 1);
+  linux_backend::processes().openFile("/tmp/first");
+  linux_backend::processes().openFile("/tmp/second");
+  EXPECT_THAT(scripted.log.messages(), ElementsAre(testing::HasSubstr("/tmp/first")));
+  EXPECT_TRUE(hasNoChild());
 }
 
 }  // namespace
