@@ -22,6 +22,10 @@ endfunction()
 
 function(qbv_install)
   install(TARGETS ${ARGN} EXPORT QuibVitalscopeTargets FILE_SET HEADERS DESTINATION "${qbv_include_dir}")
+endfunction()
+
+# Once, after every qbv_install.
+function(qbv_install_package)
   set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/QuibVitalscope")
   install(EXPORT QuibVitalscopeTargets NAMESPACE QuibVitalscope:: DESTINATION "${package_dir}")
   configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/QuibVitalscopeConfig.cmake.in"

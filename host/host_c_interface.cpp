@@ -1,0 +1,70 @@
+#include <optional>
+#include <string>
+
+#include "host/quibvitalscope_host.h"
+#include "host/quibvitalscope_host.hpp"
+#include "vitalscope/platform/platform.h"
+
+namespace {
+
+std::optional<std::string> optionalText(const char* text) {
+  return text != nullptr ? std::optional<std::string>(text) : std::nullopt;
+}
+
+}  // namespace
+
+#define QBV_HOST_API extern "C" QBV_EXPORT
+
+QBV_HOST_API void qbv_host_set_email(const char* email) {
+  qbv::host::answerEmail([text = optionalText(email)] { return text; });
+}
+
+QBV_HOST_API void qbv_host_answer_email(const char* (*answer)(void*), void* context) {
+  qbv::host::answerEmail([=] { return optionalText(answer(context)); });
+}
+
+QBV_HOST_API void qbv_host_set_keeps_logs(int keepsLogs) {
+  qbv::host::answerKeepsLogs([=] { return keepsLogs != 0; });
+}
+
+QBV_HOST_API void qbv_host_answer_keeps_logs(int (*answer)(void*), void* context) {
+  qbv::host::answerKeepsLogs([=] { return answer(context) != 0; });
+}
+
+QBV_HOST_API void qbv_host_set_call_status(std::int64_t status) {
+  qbv::host::answerCallStatus([=] { return status; });
+}
+
+QBV_HOST_API void qbv_host_answer_call_status(std::int64_t (*answer)(void*), void* context) {
+  qbv::host::answerCallStatus([=] { return answer(context); });
+}
+
+QBV_HOST_API void qbv_host_set_upload_helper(const char* (*upload)(void*, int),
+                                             void (*feedback)(void*, const char*), void* context) {
+  qbv::host::UploadHelper helper;
+  helper.upload = [=](bool userUpload) { return optionalText(upload(context, userUpload)).value_or(""); };
+  if (feedback != nullptr)
+    helper.feedback = [=](const std::string& json) { feedback(context, json.c_str()); };
+  qbv::host::setUploadHelper(std::move(helper));
+}
+
+QBV_HOST_API void qbv_host_set_bundle_value(const char* key, const char* value) {
+  if (key != nullptr && value != nullptr) qbv::host::setBundleValue(key, value);
+}
+
+QBV_HOST_API int qbv_host_post(const char* name, const char* userInfo) {
+  if (name == nullptr) return -1;
+  std::optional<qbv::Value> value = qbv::Value();
+  if (userInfo != nullptr) value = qbv::Value::fromJSON(userInfo);
+  if (!value || (!value->isNil() && value->dictionary() == nullptr)) return -1;
+  qbv::host::post(name, *value);
+  return 0;
+}
+
+QBV_HOST_API int qbv_host_main_queue_descriptor() {
+  return qbv::platform().runLoop.descriptor();
+}
+
+QBV_HOST_API int qbv_host_drain_main_queue() {
+  return qbv::platform().runLoop.drain() ? 1 : 0;
+}
