@@ -245,7 +245,7 @@ TEST(LinuxImages, LibrariesComeAndGoWhileOthersLookUp) {
   const Module known = load(QBV_MODULE_1);
   ASSERT_NE(known.handle, nullptr) << dlerror();
   const std::uint64_t own = addressOf(reinterpret_cast<const void*>(&recordOf));
-  const std::uint64_t library = addressOf(reinterpret_cast<const void*>(dlsym(RTLD_DEFAULT, "qsort")));
+  const std::uint64_t library = addressOf(reinterpret_cast<const void*>(dlsym(RTLD_DEFAULT, "lfind")));
   const std::string ownName = recordOf(own).symbol_name;
   dlclose(known.handle);
   std::atomic<bool> done{false};
@@ -264,7 +264,7 @@ TEST(LinuxImages, LibrariesComeAndGoWhileOthersLookUp) {
                                            addressOf(known.secret) + 5};
         qbv_symbol_record records[4];
         symbolicate(images(), addresses, records, 4, 0);
-        if (!is(records[0], ownName.c_str()) || !is(records[1], "qsort")) ++wrong;
+        if (!is(records[0], ownName.c_str()) || !is(records[1], "lfind")) ++wrong;
         const bool gone = records[2].image_path == nullptr;
         const bool there = is(records[2], "qbv_module_entry") ||
                            is(records[2], "qbv_module_secret_address") ||
