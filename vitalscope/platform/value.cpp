@@ -37,6 +37,8 @@ template <class... Functions>
 struct Overloaded : Functions... {
   using Functions::operator()...;
 };
+template <class... Functions>
+Overloaded(Functions...) -> Overloaded<Functions...>;
 
 // Length of the well-formed character that begins here; 0 when there is none.
 std::size_t characterLength(const unsigned char* bytes, std::size_t left) noexcept {

@@ -18,7 +18,8 @@ std::string padded(long value, std::size_t digits) {
 // x: +01 or +0130, xx: +0100, xxx: +01:00
 std::string offsetText(long seconds, std::size_t letters) {
   const long minutes = std::labs(seconds) / 60;
-  std::string text = (seconds < 0 && minutes != 0 ? "-" : "+") + padded(minutes / 60, 2);
+  std::string text(1, seconds < 0 && minutes != 0 ? '-' : '+');
+  text += padded(minutes / 60, 2);
   if (letters == 1 && minutes % 60 == 0) return text;
   if (letters >= 3) text += ':';
   return text + padded(minutes % 60, 2);
