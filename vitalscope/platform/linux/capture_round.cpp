@@ -1,0 +1,165 @@
+#include "vitalscope/platform/linux/capture_round.h"
+
+#include <sys/syscall.h>
+
+#include <array>
+#include <ctime>
+
+#include "vitalscope/platform/linux/blocked_thread.h"
+#include "vitalscope/platform/linux/proc_text.h"
+#include "vitalscope/platform/linux/process_identity.h"
+#include "vitalscope/platform/linux/safe_read.h"
+#include "vitalscope/platform/linux/snapshot_signal.h"
+#include "vitalscope/platform/linux/stack_snapshot.h"
+
+namespace qbv::linux_backend {
+
+namespace {
+
+constexpr std::uint64_t kMillisecond = 1'000'000;
+constexpr std::uint64_t kAnswerTime = 200 * kMillisecond;
+constexpr std::uint64_t kAnswerTimeForEachOther = 5 * kMillisecond;
+constexpr std::uint64_t kMaskedTime = 50 * kMillisecond;
+constexpr int kAttempts = 3;
+
+using Scratch = std::span<std::byte, kFirstCopy>;
+
+enum class Look { taken, running, needsRegisters, waitsForSignals, unknown };
+
+// What a look at a blocked thread yields: everything, or everything but some frames when the rest is wanted
+// no matter what.
+Look takeBlocked(CapturedThread& item, Scratch scratch, bool whateverCanBeFound) {
+  BlockedThread thread(item.thread);
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const SystemCallLine& line = thread.look();
+    if (line.state == SystemCallLine::State::running) return Look::running;
+    if (line.state == SystemCallLine::State::unknown) return Look::unknown;
+    Registers registers;
+    registers.set(kProgramCounter, line.programCounter);
+    registers.set(kStackPointer, line.stackPointer);
+    const std::size_t size = safeRead(line.stackPointer, scratch.size(), scratch.data());
+    const StackView stack{scratch.data(), line.stackPointer, size, readWord};
+    const bool done = unwindInto(item.chain, registers, stack, whateverCanBeFound);
+    if (!thread.unmoved()) continue;
+    // A thread in sigwait() would take our signal for the one it waits for.
+    if (!done) return line.number == SYS_rt_sigtimedwait ? Look::waitsForSignals : Look::needsRegisters;
+    item.outcome = KERN_SUCCESS;
+    return Look::taken;
+  }
+  return Look::running;
+}
+
+void napFor(std::uint64_t nanoseconds) {
+  const timespec time{0, static_cast<long>(nanoseconds)};
+  clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr);
+}
+
+enum class Reach { bySignal, masked, ended };
+
+Reach reachOf(std::uint32_t thread) {
+  const int signal = snapshotSignal();
+  char text[4096];
+  const std::string_view status = readThreadFile(thread, "status", text);
+  const char state = stateOfStatus(status);
+  if (status.empty() || state == 'Z' || state == 'X') return Reach::ended;
+  return signal == 0 || statusBlocksSignal(status, signal).value_or(false) ? Reach::masked : Reach::bySignal;
+}
+
+// As many threads as slots could be had for.
+class Round {
+ public:
+  explicit Round(Scratch scratch) : scratch_(scratch) {}
+
+  // Reads or signals threads from the front of the list; answers how many it dealt with, at least one.
+  std::size_t start(std::span<CapturedThread> threads) {
+    std::size_t dealtWith = 0;
+    while (dealtWith < threads.size() && waitingCount_ < waiting_.size()) {
+      if (!startOne(threads[dealtWith])) break;
+      ++dealtWith;
+    }
+    return dealtWith;
+  }
+
+  void collect() {
+    const std::uint64_t now = monotonicNow();
+    const std::uint64_t deadline = now + kAnswerTime + waitingCount_ * kAnswerTimeForEachOther;
+    for (std::size_t i = 0; i < waitingCount_; ++i) {
+      if (!waiting_[i].masked) collectSignalled(waiting_[i], deadline);
+    }
+    for (std::size_t i = 0; i < waitingCount_; ++i) {
+      if (waiting_[i].masked) collectMasked(*waiting_[i].item, now + kMaskedTime);
+    }
+  }
+
+ private:
+  struct Waiting {
+    CapturedThread* item = nullptr;
+    bool masked = false;
+    StackSnapshot snapshot;
+  };
+
+  // False when there is no slot for it before some are given back.
+  bool startOne(CapturedThread& item) {
+    const Look look = takeBlocked(item, scratch_, false);
+    if (look == Look::taken) return true;
+    const Reach reach = reachOf(item.thread);
+    if (reach == Reach::ended) return true;
+    if (look == Look::waitsForSignals || (look == Look::needsRegisters && reach == Reach::masked)) {
+      takeBlocked(item, scratch_, true);
+      return true;
+    }
+    Waiting& waiting = waiting_[waitingCount_];
+    waiting.item = &item;
+    waiting.masked = reach == Reach::masked;
+    return waiting.masked ? ++waitingCount_ != 0 : signal(waiting);
+  }
+
+  bool signal(Waiting& waiting) {
+    const std::uint64_t deadline = monotonicNow() + kAnswerTime;
+    for (;;) {
+      const StackSnapshot::Request request = waiting.snapshot.request(waiting.item->thread);
+      if (request == StackSnapshot::Request::sent) ++waitingCount_;
+      if (request != StackSnapshot::Request::noSlot) return true;
+      if (waitingCount_ != 0) return false;
+      // Others hold every slot; they give them back without waiting for anybody.
+      if (monotonicNow() >= deadline) return true;
+      napFor(kMillisecond);
+    }
+  }
+
+  void collectSignalled(Waiting& waiting, std::uint64_t deadline) {
+    CapturedThread& item = *waiting.item;
+    if (waiting.snapshot.await(deadline)) {
+      unwindInto(item.chain, waiting.snapshot.registers(), waiting.snapshot.stack(), true);
+      item.outcome = KERN_SUCCESS;
+      waiting.snapshot.release();
+    } else {
+      takeBlocked(item, scratch_, true);
+    }
+  }
+
+  // It can be seen only when it waits.
+  void collectMasked(CapturedThread& item, std::uint64_t deadline) {
+    while (takeBlocked(item, scratch_, true) != Look::taken && monotonicNow() < deadline &&
+           threadExists(item.thread)) {
+      napFor(kMillisecond / 4);
+    }
+  }
+
+  Scratch scratch_;
+  std::array<Waiting, kSlotCount> waiting_;
+  std::size_t waitingCount_ = 0;
+};
+
+}  // namespace
+
+void captureThreads(std::span<CapturedThread> threads, Scratch scratch) {
+  while (!threads.empty()) {
+    Round round(scratch);
+    const std::size_t dealtWith = round.start(threads);
+    round.collect();
+    threads = threads.subspan(dealtWith);
+  }
+}
+
+}  // namespace qbv::linux_backend
