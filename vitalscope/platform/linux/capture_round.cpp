@@ -87,7 +87,7 @@ class Round {
       if (!waiting_[i].masked) collectSignalled(waiting_[i], deadline);
     }
     for (std::size_t i = 0; i < waitingCount_; ++i) {
-      if (waiting_[i].masked) collectMasked(*waiting_[i].item, now + kMaskedTime);
+      if (waiting_[i].masked) collectMasked(waiting_[i], now + kMaskedTime);
     }
   }
 
@@ -138,10 +138,15 @@ class Round {
     }
   }
 
-  // It can be seen only when it waits.
-  void collectMasked(CapturedThread& item, std::uint64_t deadline) {
-    while (takeBlocked(item, scratch_, true) != Look::taken && monotonicNow() < deadline &&
-           threadExists(item.thread)) {
+  // It can be seen only when it waits, unless it was just coming out of the handler of another capture.
+  void collectMasked(Waiting& waiting, std::uint64_t deadline) {
+    CapturedThread& item = *waiting.item;
+    while (takeBlocked(item, scratch_, true) != Look::taken) {
+      const Reach reach = reachOf(item.thread);
+      if (reach == Reach::ended || monotonicNow() >= deadline) return;
+      if (reach == Reach::bySignal && waiting.snapshot.request(item.thread) == StackSnapshot::Request::sent) {
+        return collectSignalled(waiting, monotonicNow() + kAnswerTime);
+      }
       napFor(kMillisecond / 4);
     }
   }

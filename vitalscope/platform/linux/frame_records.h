@@ -1,4 +1,4 @@
-// Frame records: the chain that a capture walks, and the unwinders that find its return addresses.
+// Frame records: the chain that a capture walks, laid out from what the unwinder found.
 #pragma once
 
 #include <array>
@@ -31,16 +31,10 @@ using FrameRecords = std::array<FrameRecord, kMaximumFrames + 1>;
 // which is there even for an empty chain.
 std::uint64_t layOut(const CallChain& chain, FrameRecords& records);
 
-// Follows the frame pointers through the stack: each record lies above the one before it. An Unwinder.
-std::size_t unwindFramePointers(const Registers& registers, const StackView& stack,
-                                std::uint64_t* returnAddresses, std::size_t max);
-
-// The best this system has: call-frame information, and frame pointers where there is none. An Unwinder.
-std::size_t unwindFrames(const Registers& registers, const StackView& stack, std::uint64_t* returnAddresses,
-                         std::size_t max);
-
-// Unwinds into a chain. False when the snapshot knows too few registers, unless whatever can be found without
-// them will do.
-bool unwindInto(CallChain& chain, Registers registers, const StackView& stack, bool whateverCanBeFound);
+// Unwinds a snapshot into a chain. False when it knows too few registers to find the frame that comes next,
+// unless the frames found without them will do. Not in signal handlers, and never while the thread is
+// stopped.
+bool unwindInto(CallChain& chain, const Registers& registers, const StackView& stack,
+                bool whateverCanBeFound);
 
 }  // namespace qbv::linux_backend
