@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::uint64_t kMillisecond = 1'000'000;
 constexpr std::uint64_t kAnswerTime = 200 * kMillisecond;
-constexpr std::uint64_t kAnswerTimeForEachOther = 5 * kMillisecond;
+constexpr std::uint64_t kAnswerTimeForEachOther = 20 * kMillisecond;
 constexpr std::uint64_t kMaskedTime = 50 * kMillisecond;
 constexpr int kAttempts = 3;
 
