@@ -17,12 +17,24 @@ struct Frames {
   std::uint32_t generation;
 };
 
+// A return address at which a function begins, with no code before it, was put there by hand: by makecontext,
+// at the bottom of a stack, or as a signal handler's way back.
+StepStatus stepFromPlanted(const Frames& frames, const FrameEntry& entry, WalkState& state) {
+  Row row;
+  if (!entry.common.signalFrame) return StepStatus::outermost;
+  if (!rulesAt(entry, entry.code.begin, row)) return StepStatus::damaged;
+  return stepFull(row, entry, frames.stack, state);
+}
+
 StepStatus stepWithTables(const Frames& frames, std::uint64_t pc, bool innermost, WalkState& state) {
   UnwindImage image;
   FrameEntry entry;
   Row row;
-  if (!frames.find(pc, image) || !findFrameEntry(image, pc, entry)) {
-    return stepWithoutTables(frames.find, innermost, frames.stack, state);
+  const bool inImage = frames.find(pc, image);
+  if (!inImage || !findFrameEntry(image, pc, entry)) {
+    const bool planted = inImage && !state.exact && findFrameEntry(image, pc + 1, entry);
+    return planted ? stepFromPlanted(frames, entry, state)
+                   : stepWithoutTables(frames.find, innermost, frames.stack, state);
   }
   if (!rulesAt(entry, pc, row)) return StepStatus::damaged;
   CompactRow compacted;
