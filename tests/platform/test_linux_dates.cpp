@@ -114,7 +114,7 @@ TEST(LinuxDates, StartOfDayIsTheFirstMomentOfTheSameDayAllYearRound) {
   for (const char* zone : {"Europe/Berlin", "America/Santiago", "Asia/Beirut", "America/Havana",
                            "Australia/Lord_Howe", "Asia/Kathmandu", "UTC0"}) {
     useZone(zone);
-    for (AbsoluteTime time = utc(2026, 1, 1, 0, 17); time < utc(2027, 1, 1); time += 5400) {
+    for (AbsoluteTime time = utc(2026, 1, 1, 0, 17); time < utc(2027, 1, 1); time += 14400) {
       const AbsoluteTime start = dates().startOfDay(time);
       ASSERT_LE(start, time) << zone;
       ASSERT_EQ(dayOf(start), dayOf(time)) << zone << " " << shown(time);
