@@ -303,13 +303,13 @@ TEST(LinuxDispatch, FiringsThatFallDueWhileTheHandlerRunsMergeIntoOne) {
         released = SteadyClock::now();
       } else {
         later.push_back(SteadyClock::now());
-        if (later.size() == 3) done.open();
+        if (later.size() == 4) done.open();
       }
     });
     ASSERT_TRUE(done.wait());
   }
-  // One for all that were missed, then the grid again: the third lies at least a whole interval behind.
-  EXPECT_GE(later[2] - released, kInterval);
+  // One for all that were missed, perhaps one that the timer thread noticed late, then the grid again.
+  EXPECT_GE(later[3] - released, kInterval);
 }
 
 TEST(LinuxDispatch, HandlerNeverOverlapsItselfOnAConcurrentQueue) {
