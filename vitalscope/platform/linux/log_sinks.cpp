@@ -94,8 +94,9 @@ void sendToSystemLog(const char* socketPath, const std::string& message) {
   const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (descriptor < 0) return;
   if (connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    const std::string header = "<" + std::to_string(LOG_USER | LOG_NOTICE) + ">" +
-                               program_invocation_short_name + "[" + std::to_string(getpid()) + "]: ";
+    std::string header("<");
+    header.append(std::to_string(LOG_USER | LOG_NOTICE)).append(">").append(program_invocation_short_name);
+    header.append("[").append(std::to_string(getpid())).append("]: ");
     sendPieces(descriptor, header, message);
   }
   close(descriptor);

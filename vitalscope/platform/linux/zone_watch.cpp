@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace qbv::linux_backend {
 
@@ -62,54 +63,87 @@ std::string textAt(char* text) {
                      : std::string(buffer.data(), strnlen(buffer.data(), static_cast<std::size_t>(copied)));
 }
 
+// Up to kChunk entries of the environment from `place` on, as many as lie before the null that ends it. Comes
+// short where readable memory ends, which is behind that null. Nothing when it cannot be read just now.
+std::optional<std::size_t> readEntries(char** place, std::array<char*, kChunk>& entries) {
+  const iovec local{entries.data(), sizeof entries};
+  const iovec from{place, sizeof entries};
+  const ssize_t copied = process_vm_readv(getpid(), &local, 1, &from, 1, 0);
+  if (copied < 0) return std::nullopt;
+  const auto end = entries.begin() + copied / static_cast<ssize_t>(sizeof(char*));
+  return static_cast<std::size_t>(std::find(entries.begin(), end, nullptr) - entries.begin());
+}
+
+// Tells one state of the environment from another by where its entries lie: a variable that gets a new value
+// gets a new entry, and the C library never gives an old one back. Costs one system call as a rule, looking
+// into the entries costs ten times as much. 0 when the environment cannot be read just now.
+std::uint64_t environmentMark() {
+  std::uint64_t mark = 14695981039346656037U;
+  std::array<char*, kChunk> entries{};
+  for (char** place = environ; place != nullptr; place += kChunk) {
+    const auto count = readEntries(place, entries);
+    if (!count) return 0;
+    for (std::size_t i = 0; i < *count; ++i)
+      mark = (mark ^ reinterpret_cast<std::uintptr_t>(entries[i])) * 1099511628211U;
+    if (*count < kChunk) break;
+  }
+  return mark;
+}
+
 // Nothing in `variable` when TZ is not set; false when the environment cannot be read just now.
 bool readZoneVariable(std::optional<std::string>& variable) {
-  for (char** next = environ; next != nullptr; next += kChunk) {
-    std::array<char*, kChunk> entries{};
-    std::size_t count = 0;
-    // Comes short where readable memory ends, which is behind the null that ends the list.
-    const iovec local{entries.data(), sizeof entries};
-    const iovec from{next, sizeof entries};
-    const ssize_t copied = process_vm_readv(getpid(), &local, 1, &from, 1, 0);
-    if (copied < 0) return false;
-    const std::size_t have = static_cast<std::size_t>(copied) / sizeof(char*);
-    while (count < have && entries[count] != nullptr) ++count;
-    bool readable = true;
-    if (char* const entry = count == 0 ? nullptr : zoneEntry(entries, count, readable)) {
+  std::array<char*, kChunk> entries{};
+  for (char** place = environ; place != nullptr; place += kChunk) {
+    const auto count = readEntries(place, entries);
+    bool readable = count.has_value();
+    char* const entry = readable && *count != 0 ? zoneEntry(entries, *count, readable) : nullptr;
+    if (!readable) return false;
+    if (entry != nullptr) {
       variable = textAt(entry + sizeof kName);
       return true;
     }
-    if (!readable) return false;
-    if (count < kChunk) return true;
+    if (*count < kChunk) return true;
   }
   return true;
 }
 
-std::optional<ZoneSource> currentSource() {
-  ZoneSource source;
-  if (!readZoneVariable(source.variable)) return std::nullopt;
+void lookAtFile(ZoneSource& source) {
   struct stat file {};
-  if (!source.variable && stat("/etc/localtime", &file) == 0) {
-    source.device = file.st_dev;
-    source.inode = file.st_ino;
-    source.changedSeconds = file.st_mtim.tv_sec;
-    source.changedNanoseconds = file.st_mtim.tv_nsec;
+  if (source.variable || stat("/etc/localtime", &file) != 0) return;
+  source.device = file.st_dev;
+  source.inode = file.st_ino;
+  source.changedSeconds = file.st_mtim.tv_sec;
+  source.changedNanoseconds = file.st_mtim.tv_nsec;
+}
+
+struct Known {
+  std::uint64_t environment = 0;
+  std::optional<ZoneSource> source;
+};
+
+// With Known's lock held. Whether the zone may be another one than before.
+bool changed(Known& known) {
+  const std::uint64_t environment = environmentMark();
+  ZoneSource now;
+  if (known.source && environment == known.environment) {
+    now.variable = known.source->variable;
+  } else if (!readZoneVariable(now.variable)) {
+    // What is known stays; only the very first time the C library has to look without our knowing.
+    return !std::exchange(known.source, known.source.value_or(ZoneSource{})).has_value();
   }
-  return source;
+  lookAtFile(now);
+  known.environment = environment;
+  return std::exchange(known.source, now) != now;
 }
 
 }  // namespace
 
 void followZoneChanges() {
   static constinit std::mutex mutex;
-  static std::optional<ZoneSource>* const known = new std::optional<ZoneSource>;
+  static Known* const known = new Known;
   // Held by another thread: it is just looking. Held in a forked child: for ever.
   const std::unique_lock lock(mutex, std::try_to_lock);
-  if (!lock.owns_lock()) return;
-  const auto source = currentSource();
-  if (known->has_value() && (!source.has_value() || *known == source)) return;
-  *known = source.value_or(ZoneSource{});
-  tzset();
+  if (lock.owns_lock() && changed(*known)) tzset();
 }
 
 }  // namespace qbv::linux_backend
