@@ -17,7 +17,6 @@
 
 #include "tests/platform/temporary_folder.h"
 #include "vitalscope/platform/linux/areas.h"
-#include "vitalscope/platform/scripted/scripted_platform.h"
 
 namespace qbv {
 namespace {
@@ -213,18 +212,6 @@ TEST_F(LinuxFilesTest, TheHomeFolderIsTheEnvironmentsOrThePasswordDatabases) {
   ::unsetenv("HOME");
   EXPECT_EQ(files.homeDirectory(), registered);
   EXPECT_EQ(registered.value_or("/").front(), '/');
-}
-
-TEST(ExpandingTilde, OnlyALeadingTildeOfTheOwnUserIsReplaced) {
-  ScriptedPlatform scripted;
-  scripted.files.setHomeDirectory("/home/user");
-  EXPECT_EQ(expandingTildeInPath("~"), "/home/user");
-  EXPECT_EQ(expandingTildeInPath("~/Library/~"), "/home/user/Library/~");
-  for (const std::string unchanged : {"~other/x", "/a/~/b", "", "a~"}) {
-    EXPECT_EQ(expandingTildeInPath(unchanged), unchanged);
-  }
-  scripted.files.setHomeDirectory(std::nullopt);
-  EXPECT_EQ(expandingTildeInPath("~/x"), "~/x");
 }
 
 }  // namespace
