@@ -24,35 +24,8 @@ constexpr int kAttempts = 3;
 
 using Scratch = std::span<std::byte, kFirstCopy>;
 
-enum class Look { taken, running, needsRegisters, waitsForSignals, unknown };
-
-// What a look at a blocked thread yields: everything, or everything but some frames when the rest is wanted
-// no matter what.
-Look takeBlocked(CapturedThread& item, Scratch scratch, bool whateverCanBeFound) {
-  BlockedThread thread(item.thread);
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const SystemCallLine& line = thread.look();
-    if (line.state == SystemCallLine::State::running) return Look::running;
-    if (line.state == SystemCallLine::State::unknown) return Look::unknown;
-    Registers registers;
-    registers.set(kProgramCounter, line.programCounter);
-    registers.set(kStackPointer, line.stackPointer);
-    const std::size_t size = safeRead(line.stackPointer, scratch.size(), scratch.data());
-    const StackView stack{scratch.data(), line.stackPointer, size, readWord};
-    const bool done = unwindInto(item.chain, registers, stack, whateverCanBeFound);
-    if (!thread.unmoved()) continue;
-    // A thread in sigwait() would take our signal for the one it waits for.
-    if (!done) return line.number == SYS_rt_sigtimedwait ? Look::waitsForSignals : Look::needsRegisters;
-    item.outcome = KERN_SUCCESS;
-    return Look::taken;
-  }
-  return Look::running;
-}
-
-void napFor(std::uint64_t nanoseconds) {
-  const timespec time{0, static_cast<long>(nanoseconds)};
-  clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr);
-}
+// outOfReach: some frames need registers that no signal can fetch.
+enum class Look { taken, running, needsRegisters, outOfReach, unknown };
 
 enum class Reach { bySignal, masked, ended };
 
@@ -63,6 +36,46 @@ Reach reachOf(std::uint32_t thread) {
   const char state = stateOfStatus(status);
   if (status.empty() || state == 'Z' || state == 'X') return Reach::ended;
   return signal == 0 || statusBlocksSignal(status, signal).value_or(false) ? Reach::masked : Reach::bySignal;
+}
+
+// Another capture's signal struck it first, and it waits for the kernel while it copies its stack.
+bool inSnapshotHandler(std::uint32_t thread, const SystemCallLine& line) {
+  return line.number == SYS_process_vm_readv && reachOf(thread) == Reach::masked;
+}
+
+// What a look at a blocked thread yields: everything, or everything but some frames when the rest is wanted
+// no matter what.
+Look takeBlocked(CapturedThread& item, Scratch scratch, bool whateverCanBeFound) {
+  BlockedThread thread(item.thread);
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const SystemCallLine& line = thread.look();
+    if (line.state == SystemCallLine::State::running) return Look::running;
+    if (line.state == SystemCallLine::State::unknown) return Look::unknown;
+    if (!whateverCanBeFound && inSnapshotHandler(item.thread, line)) return Look::running;
+    Registers registers;
+    registers.set(kProgramCounter, line.programCounter);
+    registers.set(kStackPointer, line.stackPointer);
+    const std::size_t size = safeRead(line.stackPointer, scratch.size(), scratch.data());
+    const StackView stack{scratch.data(), line.stackPointer, size, readWord};
+    const bool done = unwindInto(item.chain, registers, stack, whateverCanBeFound);
+    if (!thread.unmoved()) continue;
+    if (!done) {
+      // A thread in sigwait() would take our signal for the one it waits for. One that is in the handler of
+      // another capture's signal has it blocked for a moment only, and has moved by then.
+      if (line.number == SYS_rt_sigtimedwait) return Look::outOfReach;
+      const Reach reach = reachOf(item.thread);
+      if (!thread.unmoved()) continue;
+      return reach == Reach::bySignal ? Look::needsRegisters : Look::outOfReach;
+    }
+    item.outcome = KERN_SUCCESS;
+    return Look::taken;
+  }
+  return Look::running;
+}
+
+void napFor(std::uint64_t nanoseconds) {
+  const timespec time{0, static_cast<long>(nanoseconds)};
+  clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr);
 }
 
 // As many threads as slots could be had for.
@@ -104,7 +117,7 @@ class Round {
     if (look == Look::taken) return true;
     const Reach reach = reachOf(item.thread);
     if (reach == Reach::ended) return true;
-    if (look == Look::waitsForSignals || (look == Look::needsRegisters && reach == Reach::masked)) {
+    if (look == Look::outOfReach) {
       takeBlocked(item, scratch_, true);
       return true;
     }
@@ -141,14 +154,18 @@ class Round {
   // It can be seen only when it waits, unless it was just coming out of the handler of another capture.
   void collectMasked(Waiting& waiting, std::uint64_t deadline) {
     CapturedThread& item = *waiting.item;
-    while (takeBlocked(item, scratch_, true) != Look::taken) {
+    for (;;) {
+      const Look look = takeBlocked(item, scratch_, false);
+      if (look == Look::taken) return;
       const Reach reach = reachOf(item.thread);
-      if (reach == Reach::ended || monotonicNow() >= deadline) return;
+      if (reach == Reach::ended) return;
+      if (look == Look::outOfReach || monotonicNow() >= deadline) break;
       if (reach == Reach::bySignal && waiting.snapshot.request(item.thread) == StackSnapshot::Request::sent) {
         return collectSignalled(waiting, monotonicNow() + kAnswerTime);
       }
       napFor(kMillisecond / 4);
     }
+    takeBlocked(item, scratch_, true);
   }
 
   Scratch scratch_;
