@@ -183,12 +183,13 @@ TEST_F(ReportTextTest, ALaterCommandReplacesAnEarlierOne) {
 TEST_F(ReportTextTest, DamagedCommandsEndTheWalk) {
   const ScriptedImageBuilder sound = ScriptedImageBuilder().segment("__TEXT", 0, 0x1000);
   const std::vector<ScriptedImageBuilder> damaged{
-      ScriptedImageBuilder(sound).command(0x99, {}, 0).uuid(kUuid),           // leads nowhere
-      ScriptedImageBuilder(sound).command(0x99, {}, 4).uuid(kUuid),           // leads into itself
-      ScriptedImageBuilder(sound).command(0x99, {}, 0xfffffff8).uuid(kUuid),  // leads out of the image
-      ScriptedImageBuilder(sound).command(qbv::LC_UUID, {}, 8).uuid(kUuid),   // too short for what it is
-      ScriptedImageBuilder(sound).commandCount(0xffffffff),                   // more commands than there are
-      ScriptedImageBuilder(sound).uuid(kUuid).truncate(32 + 72 + 20),         // cut inside the identifier
+      ScriptedImageBuilder(sound).command(0x99, {}, 0).uuid(kUuid),               // leads nowhere
+      ScriptedImageBuilder(sound).command(0x99, {}, 0).commandCount(0xffffffff),  // nowhere, for long
+      ScriptedImageBuilder(sound).command(0x99, {}, 4).uuid(kUuid),               // leads into itself
+      ScriptedImageBuilder(sound).command(0x99, {}, 0xfffffff8).uuid(kUuid),      // leads out of the image
+      ScriptedImageBuilder(sound).command(qbv::LC_UUID, {}, 8).uuid(kUuid),       // too short for what it is
+      ScriptedImageBuilder(sound).commandCount(0xffffffff),            // more commands than there are
+      ScriptedImageBuilder(sound).uuid(kUuid).truncate(32 + 72 + 20),  // cut inside the identifier
   };
   for (const ScriptedImageBuilder& builder : damaged) addImage(builder, "/damaged", 0x1000);
   addImage(ScriptedImageBuilder(sound).truncate(32 + 71), "/cut segment", 0);
