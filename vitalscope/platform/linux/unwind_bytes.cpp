@@ -15,12 +15,6 @@ void ByteReader::fail() {
   at_ = end_;
 }
 
-bool ByteReader::require(std::uint64_t size) {
-  if (ok_ && at_ <= end_ && size <= end_ - at_) return true;
-  fail();
-  return false;
-}
-
 void ByteReader::skip(std::uint64_t size) {
   if (require(size)) at_ += size;
 }
@@ -32,7 +26,7 @@ Extent ByteReader::block(std::uint64_t size) {
   return taken;
 }
 
-std::uint64_t ByteReader::uleb() {
+std::uint64_t ByteReader::longUleb() {
   std::uint64_t value = 0;
   unsigned shift = 0;
   std::uint8_t byte = 0;

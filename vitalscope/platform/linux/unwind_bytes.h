@@ -43,7 +43,17 @@ class ByteReader {
   }
   std::uint8_t u8() { return fixed<std::uint8_t>(); }
   // Variable-length numbers; bits above the 64th are dropped.
-  std::uint64_t uleb();
+  std::uint64_t uleb() {
+    // Nearly all are of one byte.
+    if (at_ < end_ && ok_) {
+      const std::uint8_t first = *reinterpret_cast<const std::uint8_t*>(at_);
+      if (first < 0x80) {
+        ++at_;
+        return first;
+      }
+    }
+    return longUleb();
+  }
   std::int64_t sleb();
   // A pointer stored in the given way; what an indirect one points at is not followed. dataBase is the origin
   // of data-relative ones. Text- and function-relative ones fail.
@@ -54,7 +64,12 @@ class ByteReader {
   void fail();
 
  private:
-  bool require(std::uint64_t size);
+  bool require(std::uint64_t size) {
+    if (ok_ && at_ <= end_ && size <= end_ - at_) return true;
+    fail();
+    return false;
+  }
+  std::uint64_t longUleb();
   std::uint64_t pointerValue(std::uint8_t format);
 
   std::uint64_t at_;

@@ -18,12 +18,12 @@ void addReadableSegments(std::uint64_t start, std::uint64_t slide, UnwindImage& 
   std::memcpy(&header, reinterpret_cast<const void*>(start), sizeof header);
   const bool usable = std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
                       header.e_phentsize == sizeof(ElfW(Phdr)) && header.e_phoff < kPage &&
+                      header.e_phoff % alignof(ElfW(Phdr)) == 0 &&
                       header.e_phnum <= (kPage - header.e_phoff) / sizeof(ElfW(Phdr));
   if (!usable) return;
+  const auto* const segments = reinterpret_cast<const ElfW(Phdr)*>(start + header.e_phoff);
   for (unsigned i = 0; i < header.e_phnum; ++i) {
-    ElfW(Phdr) segment;
-    const std::uint64_t at = start + header.e_phoff + i * sizeof segment;
-    std::memcpy(&segment, reinterpret_cast<const void*>(at), sizeof segment);
+    const ElfW(Phdr)& segment = segments[i];
     if (segment.p_type != PT_LOAD || (segment.p_flags & PF_R) == 0) continue;
     image.addSegment({slide + segment.p_vaddr, slide + segment.p_vaddr + segment.p_filesz});
   }
