@@ -262,6 +262,35 @@ TEST(UnwindLive, librariesMayComeAndGoUnderTheWalk) {
   EXPECT_GE(complete, 300) << "of " << walks;
 }
 
+// The list of images is held during a walk; a child made at that moment would find it held for ever.
+TEST(UnwindLive, forkedChildrenMayLoadLibraries) {
+  static std::atomic<bool> stop{false};
+  static std::atomic<int> walks{0};
+  std::vector<std::thread> walkers;
+  for (int i = 0; i < 2; ++i) {
+    walkers.emplace_back([] {
+      const Snapshot snapshot = ownSnapshot();
+      for (WalkEnd end{}; !stop; ++walks) snapshot.walk(end);
+    });
+  }
+  while (walks < 100) std::this_thread::yield();
+  int stuck = 0;
+  for (int i = 0; i < 200; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(20);
+      _exit(dlopen(QBV_UNWIND_LAZY, RTLD_LAZY) == nullptr ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    stuck += status == 0 ? 0 : 1;
+    if (stuck != 0) break;
+  }
+  stop = true;
+  for (std::thread& walker : walkers) walker.join();
+  EXPECT_EQ(stuck, 0);
+}
+
 Snapshot gWhole;
 
 TEST(UnwindLive, smashedStacksAndRegistersEndTheWalk) {

@@ -5,6 +5,7 @@
 #include "vitalscope/platform/linux/image_description.h"
 #include "vitalscope/platform/linux/image_names.h"
 #include "vitalscope/platform/linux/images.h"
+#include "vitalscope/platform/linux/loader_list.h"
 
 namespace qbv::linux_backend {
 
@@ -35,7 +36,7 @@ std::uint32_t LoadedImages::_dyld_image_count() {
   struct Counters {
     std::uint64_t adds, subs;
   } now{};
-  dl_iterate_phdr(
+  visitLoadedImages(
       [](dl_phdr_info* info, std::size_t, void* counters) {
         *static_cast<Counters*>(counters) = {info->dlpi_adds, info->dlpi_subs};
         return 1;
@@ -51,7 +52,7 @@ std::uint32_t LoadedImages::_dyld_image_count() {
 void LoadedImages::takeIn() {
   Scan scan;
   scan.list = this;
-  dl_iterate_phdr(takeInObject, &scan);
+  visitLoadedImages(takeInObject, &scan);
   if (scan.lock.owns_lock()) settle(scan);
 }
 

@@ -2,6 +2,7 @@
 
 #include "vitalscope/platform/linux/areas.h"
 #include "vitalscope/platform/linux/image_symbols.h"
+#include "vitalscope/platform/linux/loader_list.h"
 
 namespace qbv::linux_backend {
 
@@ -16,7 +17,7 @@ bool within(std::span<const std::byte> block, const void* address, std::size_t s
 
 std::uint64_t removalsSoFar() {
   std::uint64_t removals = 0;
-  dl_iterate_phdr(
+  visitLoadedImages(
       [](dl_phdr_info* info, std::size_t, void* result) {
         *static_cast<std::uint64_t*>(result) = info->dlpi_subs;
         return 1;

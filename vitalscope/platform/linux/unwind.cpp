@@ -2,6 +2,7 @@
 
 #include <link.h>
 
+#include "vitalscope/platform/linux/loader_list.h"
 #include "vitalscope/platform/linux/unwind_images.h"
 #include "vitalscope/platform/linux/unwind_program.h"
 #include "vitalscope/platform/linux/unwind_step.h"
@@ -109,7 +110,7 @@ Walk walkFrames(const Registers& registers, const StackView& stack, ImageFinder 
 Walk walkStack(const Registers& registers, const StackView& stack, std::uint64_t* returnAddresses,
                std::size_t max) {
   Request request{registers, stack, returnAddresses, max, {}};
-  dl_iterate_phdr(walkHeld, &request);
+  visitLoadedImages(walkHeld, &request);
   return request.walk;
 }
 
