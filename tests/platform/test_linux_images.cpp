@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <latch>
@@ -93,6 +94,54 @@ TEST(LinuxImages, FirstImageIsTheExecutableWithAllItsFunctions) {
   EXPECT_EQ(own.image_path, path);
   EXPECT_EQ(own.image_load_address, images().loadAddress(0));
   expectEveryFunction(witness::functionsOf(path, "--syms"), 0, 500);
+}
+
+// Run by the tests below in a copy of this program, whose path is given.
+TEST(LinuxImages, DISABLED_InACopyOfTheProgram) {
+  const char* const path = std::getenv("QBV_TEST_COPY");
+  ASSERT_NE(path, nullptr);
+  const bool gone = std::getenv("QBV_TEST_DELETE") != nullptr;
+  if (gone) {
+    ASSERT_TRUE(std::filesystem::remove(path));
+  }
+  ASSERT_GT(images()._dyld_image_count(), 0U);
+  EXPECT_STREQ(images()._dyld_get_image_name(0), path);
+  const qbv_symbol_record own = recordOf(addressOf(reinterpret_cast<const void*>(&recordOf)));
+  ASSERT_NE(own.symbol_name, nullptr);
+  EXPECT_NE(std::string(own.symbol_name).find("recordOf"), std::string::npos) << own.symbol_name;
+}
+
+class CopyOfTheProgram : public testing::Test {
+ protected:
+  void run(const std::string& setting, const std::string& loader) {
+    const TemporaryFolder folder;
+    const std::string copy = std::filesystem::canonical(folder.path()).string() + "/program (deleted)";
+    std::filesystem::copy_file("/proc/self/exe", copy);
+    const std::string command = "QBV_TEST_COPY='" + copy + "' " + setting + " " + loader + " '" + copy +
+                                "' --gtest_also_run_disabled_tests"
+                                " --gtest_filter='LinuxImages.DISABLED_InACopyOfTheProgram'";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+  }
+};
+
+TEST_F(CopyOfTheProgram, IsKnownByItsPathAndNames) {
+  run("", "");
+}
+
+TEST_F(CopyOfTheProgram, IsStillKnownWhenItsFileIsGone) {
+  run("QBV_TEST_DELETE=1", "");
+}
+
+TEST_F(CopyOfTheProgram, IsKnownWhenStartedByTheLoadersCommand) {
+  const std::optional<std::uint32_t> loader = [] {
+    const std::optional<std::uint32_t> x86 = placeOf("/ld-linux-x86-64.so.2");
+    return x86 ? x86 : placeOf("/ld-linux-aarch64.so.1");
+  }();
+  ASSERT_TRUE(loader);
+#ifdef QBV_SANITIZED
+  GTEST_SKIP() << "sanitizers start the program anew by its link";
+#endif
+  run("", images()._dyld_get_image_name(*loader));
 }
 
 // The C library comes without its full table: exported functions have their names, the code between them has
