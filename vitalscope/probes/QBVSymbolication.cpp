@@ -43,10 +43,11 @@ void lookUp(Images& images, std::uint64_t address, qbv_symbol_record& record) {
   const void* const plain = images._dyld_get_image_header(*index);
   const void* const header = images.headerWithSymbols(*index);
   const ImageReader image(images, *index, header != nullptr ? header : plain);
-  const std::uint64_t base = image.linkeditOffset() + slide;
+  const ImageReader::Tables tables = image.tables();
+  const std::uint64_t base = tables.linkeditOffset + slide;
   if (base == 0) return;
   qbv_symbol_record found{images._dyld_get_image_name(*index), images.loadAddress(*index), nullptr, 0};
-  if (const std::optional<ImageSymbol> symbol = image.nearestSymbol(base, address - slide)) {
+  if (const std::optional<ImageSymbol> symbol = image.nearestSymbol(base, address - slide, tables.sorted)) {
     found.symbol_address = symbol->value + slide;
     found.symbol_name = symbol->name;
   }

@@ -98,30 +98,29 @@ bool ImageReader::hasSegmentAt(std::uint64_t address) const {
   return found;
 }
 
-std::uint64_t ImageReader::linkeditOffset() const {
-  std::uint64_t offset = 0;
+ImageReader::Tables ImageReader::tables() const {
+  Tables tables;
+  bool known = false;
   walk([&](const Command& command) {
+    if (command.head.cmd == LC_QBV_SORTED_SYMTAB) tables.sorted = true;
+    if (known) return false;
     const std::optional<Segment> here = segment(command);
-    if (!here || std::strncmp(here->name, kLinkedit, sizeof here->name) != 0) return false;
-    offset = here->address - here->fileOffset;
-    return true;
+    if (here && std::strncmp(here->name, kLinkedit, sizeof here->name) == 0) {
+      tables.linkeditOffset = here->address - here->fileOffset;
+      known = true;
+    }
+    return false;
   });
-  return offset;
-}
-
-bool ImageReader::hasSortedSymbols() const {
-  bool sorted = false;
-  walk([&](const Command& command) { return sorted = command.head.cmd == LC_QBV_SORTED_SYMTAB; });
-  return sorted;
+  return tables;
 }
 
 std::optional<std::uint64_t> ImageReader::nearestEntry(std::uint64_t entries, std::uint64_t count,
-                                                       std::uint64_t address) const {
+                                                       std::uint64_t address, bool sorted) {
   const auto value = [entries](std::uint64_t i) {
     return at<std::uint64_t>(entries + i * sizeof(nlist_64) + offsetof(nlist_64, n_value));
   };
   std::optional<std::uint64_t> best;
-  if (hasSortedSymbols()) {
+  if (sorted) {
     std::uint64_t low = 0;
     for (std::uint64_t high = count; low < high;) {
       const std::uint64_t middle = low + (high - low) / 2;
@@ -157,17 +156,18 @@ const char* ImageReader::name(std::uint64_t strings, std::uint64_t size, std::ui
   return *text == '_' ? text + 1 : text;
 }
 
-std::optional<ImageSymbol> ImageReader::nearestSymbol(std::uint64_t base, std::uint64_t address) const {
+std::optional<ImageSymbol> ImageReader::nearestSymbol(std::uint64_t base, std::uint64_t address,
+                                                      bool sorted) const {
   std::optional<ImageSymbol> found;
   walk([&](const Command& command) {
     if (command.head.cmd != LC_SYMTAB) return false;
     symtab_command table{};
-    const bool sized = command.head.cmdsize >= sizeof table && can(command.at, sizeof table);
+    const bool complete = command.head.cmdsize >= sizeof table && can(command.at, sizeof table);
     std::memcpy(&table, reinterpret_cast<const void*>(command.at),
-                sized ? sizeof table : offsetof(symtab_command, strsize));
+                complete ? sizeof table : offsetof(symtab_command, strsize));
     const std::uint64_t entries = base + table.symoff;
     if (!can(entries, std::uint64_t{table.nsyms} * sizeof(nlist_64))) return true;
-    const std::optional<std::uint64_t> best = nearestEntry(entries, table.nsyms, address);
+    const std::optional<std::uint64_t> best = nearestEntry(entries, table.nsyms, address, sorted);
     if (!best) return false;
     const auto entry = at<nlist_64>(entries + *best * sizeof(nlist_64));
     found = ImageSymbol{entry.n_value, nullptr};

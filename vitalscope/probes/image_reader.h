@@ -26,13 +26,16 @@ class ImageReader {
   // Whether a segment command covers the address (both without the slide).
   bool hasSegmentAt(std::uint64_t address) const;
 
-  // vmaddr − fileoff of the first "__LINKEDIT" segment; 0 without one.
-  std::uint64_t linkeditOffset() const;
+  struct Tables {
+    std::uint64_t linkeditOffset = 0;  // vmaddr − fileoff of the first "__LINKEDIT" segment; 0 without one
+    bool sorted = false;               // the symbols are in ascending order
+  };
+  Tables tables() const;
 
   // The entry with the greatest value that is not above the address, of the first symbol table that has one;
   // entries of value 0 do not count, the later one of two with the same value wins. base is the linkedit
-  // offset plus the slide.
-  std::optional<ImageSymbol> nearestSymbol(std::uint64_t base, std::uint64_t address) const;
+  // offset plus the slide. Sorted symbols are searched by halves: the same result, sooner.
+  std::optional<ImageSymbol> nearestSymbol(std::uint64_t base, std::uint64_t address, bool sorted) const;
 
  private:
   struct Command {
@@ -54,9 +57,8 @@ class ImageReader {
     return value;
   }
   static std::optional<Segment> segment(const Command& command);
-  bool hasSortedSymbols() const;
-  std::optional<std::uint64_t> nearestEntry(std::uint64_t entries, std::uint64_t count,
-                                            std::uint64_t address) const;
+  static std::optional<std::uint64_t> nearestEntry(std::uint64_t entries, std::uint64_t count,
+                                                   std::uint64_t address, bool sorted);
   const char* name(std::uint64_t strings, std::uint64_t size, std::uint64_t offset) const;
 
   Images& images_;
