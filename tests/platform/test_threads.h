@@ -17,6 +17,13 @@
 
 namespace qbv::test {
 
+// Sanitizers start threads of their own, use memory for every byte that is touched, and slow everything down.
+#if defined(QBV_SANITIZED)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
 // Runs body(stop) on a thread of its own; the destructor raises stop and joins.
 class TestThread {
  public:

@@ -1,5 +1,6 @@
 #include "vitalscope/platform/linux/capture_round.h"
 
+#include <sched.h>
 #include <sys/syscall.h>
 
 #include <array>
@@ -20,7 +21,7 @@ constexpr std::uint64_t kMillisecond = 1'000'000;
 constexpr std::uint64_t kAnswerTime = 200 * kMillisecond;
 constexpr std::uint64_t kAnswerTimeForEachOther = 20 * kMillisecond;
 constexpr std::uint64_t kMaskedTime = 50 * kMillisecond;
-constexpr int kAttempts = 3;
+constexpr int kLooks = 8;
 
 using Scratch = std::span<std::byte, kFirstCopy>;
 
@@ -47,9 +48,13 @@ bool inSnapshotHandler(std::uint32_t thread, const SystemCallLine& line) {
 // no matter what.
 Look takeBlocked(CapturedThread& item, Scratch scratch, bool whateverCanBeFound) {
   BlockedThread thread(item.thread);
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+  for (int look = 0; look < kLooks; ++look) {
     const SystemCallLine& line = thread.look();
-    if (line.state == SystemCallLine::State::running) return Look::running;
+    if (line.state == SystemCallLine::State::running) {
+      // It may be on its way into a wait that our signal would cut short: a few microseconds tell.
+      sched_yield();
+      continue;
+    }
     if (line.state == SystemCallLine::State::unknown) return Look::unknown;
     if (!whateverCanBeFound && inSnapshotHandler(item.thread, line)) return Look::running;
     Registers registers;

@@ -62,6 +62,7 @@ std::uint64_t monotonicNow() {
 }
 
 StackSnapshot::Request StackSnapshot::request(std::uint32_t thread) {
+  release();
   const int signal = snapshotSignal();
   if (signal == 0) return Request::failed;
   slot_ = claimSlot();
