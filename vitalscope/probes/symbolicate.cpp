@@ -8,11 +8,6 @@ namespace qbv {
 
 namespace {
 
-struct Found {
-  std::uint32_t index;
-  std::uint64_t unslid;  // the address as the image's commands count it
-};
-
 std::uint64_t slideOf(Images& images, std::uint32_t index) {
   return static_cast<std::uint64_t>(images._dyld_get_image_vmaddr_slide(index));
 }
