@@ -1,6 +1,5 @@
 #include "vitalscope/platform/linux/capture_round.h"
 
-#include <sched.h>
 #include <sys/syscall.h>
 
 #include <array>
@@ -50,11 +49,8 @@ Look takeBlocked(CapturedThread& item, Scratch scratch, bool whateverCanBeFound)
   BlockedThread thread(item.thread);
   for (int look = 0; look < kLooks; ++look) {
     const SystemCallLine& line = thread.look();
-    if (line.state == SystemCallLine::State::running) {
-      // It may be on its way into a wait that our signal would cut short: a few microseconds tell.
-      sched_yield();
-      continue;
-    }
+    // It may be on its way into a wait that our signal would cut short: a few microseconds tell.
+    if (line.state == SystemCallLine::State::running) continue;
     if (line.state == SystemCallLine::State::unknown) return Look::unknown;
     if (!whateverCanBeFound && inSnapshotHandler(item.thread, line)) return Look::running;
     Registers registers;
