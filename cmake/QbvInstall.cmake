@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 set(qbv_include_dir "${CMAKE_INSTALL_INCLUDEDIR}/quibvitalscope")
 
 function(qbv_public_headers target)
-  file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" ${ARGN})
+  file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" ${ARGN})
   list(TRANSFORM headers PREPEND "${PROJECT_SOURCE_DIR}/")
   target_sources(${target} INTERFACE FILE_SET HEADERS BASE_DIRS "${PROJECT_SOURCE_DIR}" FILES ${headers})
   target_include_directories(${target} INTERFACE "$<INSTALL_INTERFACE:${qbv_include_dir}>")
