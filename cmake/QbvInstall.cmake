@@ -4,9 +4,10 @@ include(CMakePackageConfigHelpers)
 
 set(qbv_include_dir "${CMAKE_INSTALL_INCLUDEDIR}/quibvitalscope")
 
+# qbv_public_headers(TARGET pattern...): patterns are relative to the project's root.
 function(qbv_public_headers target)
-  file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" ${ARGN})
-  list(TRANSFORM headers PREPEND "${PROJECT_SOURCE_DIR}/")
+  list(TRANSFORM ARGN PREPEND "${PROJECT_SOURCE_DIR}/" OUTPUT_VARIABLE patterns)
+  file(GLOB headers CONFIGURE_DEPENDS ${patterns})
   target_sources(${target} INTERFACE FILE_SET HEADERS BASE_DIRS "${PROJECT_SOURCE_DIR}" FILES ${headers})
   target_include_directories(${target} INTERFACE "$<INSTALL_INTERFACE:${qbv_include_dir}>")
 endfunction()
