@@ -21,7 +21,6 @@ function(qbv_add_test name)
   endif()
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE qbv_build_settings ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
-  target_link_options(${name} PRIVATE -Wl,--unresolved-symbols=ignore-all LINKER:-z,now)
   # The matchers' templates cost twice the time at full optimisation and gain nothing from it.
   target_compile_options(${name} PRIVATE -O1 -g1)
   target_compile_definitions(${name} PRIVATE QBV_MAIL_DOMAIN="${QBV_MAIL_DOMAIN}")

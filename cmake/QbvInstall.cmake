@@ -19,6 +19,10 @@ function(qbv_shared_library target map)
   # Never unloaded: its threads and handlers live as long as the process.
   target_link_options(${target} PRIVATE
     "LINKER:--version-script=${map}" LINKER:--exclude-libs,ALL LINKER:-z,nodelete LINKER:-z,relro)
+  # A sanitized library leaves the sanitizer's symbols to the program.
+  if(NOT QBV_SANITIZE)
+    target_link_options(${target} PRIVATE LINKER:--no-undefined)
+  endif()
 endfunction()
 
 function(qbv_install)

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "vitalscope/platform/export.h"
 #include "vitalscope/platform/value.h"
 
 namespace qbv {
@@ -18,7 +19,7 @@ std::string queueLabel(const std::string& suffix);
 }  // namespace qbv
 
 // Stateless. All operations: any thread, not in signal handlers.
-class QBVTool {
+class QBV_EXPORT QBVTool {
  public:
   // A compile-time switch: true would let every user pass the internal-account gate.
   static constexpr bool inDebug() noexcept { return false; }
