@@ -4,7 +4,8 @@
 
 namespace {
 
-HostOptions answers;
+// Never destroyed: the monitor may ask while the process ends.
+HostOptions& answers = *new HostOptions;
 qbv::id profile = nullptr;
 
 }  // namespace

@@ -22,7 +22,7 @@
 namespace {
 
 bool keepsLogs = true;
-std::string email;
+std::string& email = *new std::string;  // a monitor may ask while the process ends
 qbv::id profile = nullptr;
 
 void defineHostClasses() {
