@@ -1,6 +1,5 @@
 #include "host/control/client.h"
 
-#include <dirent.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -34,15 +33,6 @@ bool wouldBlock(ssize_t result) {
 std::string noSocket(int processId) {
   return "process " + std::to_string(processId) +
          " has no control socket: it runs without the stand-in host, or its main loop has not been seen yet";
-}
-
-std::vector<std::string> namesIn(const std::string& folder) {
-  std::vector<std::string> names;
-  DIR* const entries = ::opendir(folder.c_str());
-  if (entries == nullptr) return names;
-  while (const dirent* const entry = ::readdir(entries)) names.emplace_back(entry->d_name);
-  ::closedir(entries);
-  return names;
 }
 
 }  // namespace
@@ -137,7 +127,7 @@ std::vector<int> listeningProcesses() {
   std::vector<int> found;
   const auto folder = SocketFolder::open(false);
   if (!folder) return found;
-  for (const std::string& name : namesIn(folder->path())) {
+  for (const std::string& name : folder->names()) {
     const std::optional<int> processId = processOfSocket(name);
     if (processId && folder->connect(name)) found.push_back(*processId);
   }

@@ -1,5 +1,6 @@
 #include "host/control/socket_place.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -28,7 +29,7 @@ bool address(int folder, const std::string& name, sockaddr_un& result) {
 }
 
 Descriptor newSocket(int flags) {
-  return Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
+  return linux_backend::outOfTheWay(Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0)));
 }
 
 bool isPrivate(int folder) {
@@ -41,11 +42,12 @@ bool isPrivate(int folder) {
 std::optional<SocketFolder> SocketFolder::open(bool make) {
   const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
   if (runtime == nullptr || runtime[0] != '/') return std::nullopt;
-  std::string path = std::string(runtime) + "/quibvitalscope";
+  const std::string path = std::string(runtime) + "/quibvitalscope";
   if (make) ::mkdir(path.c_str(), 0700);
-  Descriptor folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  Descriptor folder = linux_backend::outOfTheWay(
+      Descriptor(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
   if (!folder || !isPrivate(folder.get())) return std::nullopt;
-  return SocketFolder(std::move(path), std::move(folder));
+  return SocketFolder(std::move(folder));
 }
 
 Descriptor SocketFolder::connect(const std::string& name) const {
@@ -77,6 +79,17 @@ Descriptor SocketFolder::listen(const std::string& name) const {
 
 bool SocketFolder::remove(const std::string& name) const {
   return ::unlinkat(folder_.get(), name.c_str(), 0) == 0;
+}
+
+std::vector<std::string> SocketFolder::names() const {
+  std::vector<std::string> names;
+  // The folder itself was opened for look-ups only.
+  const int readable = ::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* const entries = readable >= 0 ? ::fdopendir(readable) : nullptr;
+  if (entries == nullptr) return names;
+  while (const dirent* const entry = ::readdir(entries)) names.emplace_back(entry->d_name);
+  ::closedir(entries);
+  return names;
 }
 
 std::string socketName(int processId) {

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "vitalscope/platform/linux/descriptor.h"
 
@@ -24,14 +25,12 @@ class SocketFolder {
   // before is replaced. None with errno on failure.
   Descriptor listen(const std::string& name) const;
   bool remove(const std::string& name) const;
-
-  const std::string& path() const noexcept { return path_; }
-  int descriptor() const noexcept { return folder_.get(); }
+  // What is in the folder, in the system's order.
+  std::vector<std::string> names() const;
 
  private:
-  SocketFolder(std::string path, Descriptor folder) : path_(std::move(path)), folder_(std::move(folder)) {}
+  explicit SocketFolder(Descriptor folder) : folder_(std::move(folder)) {}
 
-  std::string path_;
   Descriptor folder_;
 };
 

@@ -10,7 +10,7 @@
 namespace qbv {
 
 // The organisation's mail domain this library was built for: only its users are monitored. Any thread.
-const char* mailDomain() noexcept;
+QBV_EXPORT const char* mailDomain() noexcept;
 
 // Full label of a monitor's queue: the mail domain's words in reverse order, ".", the suffix; for example
 // "example.quibapp.mainthread.monitor". Any thread.

@@ -1,8 +1,12 @@
 // File descriptors: ownership, and system calls that a signal may interrupt.
 #pragma once
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string_view>
 #include <utility>
@@ -40,6 +44,16 @@ class Descriptor {
  private:
   int number_;
 };
+
+// The same file under a high number, closed on exec: out of the way of programs that count on low numbers,
+// and still good for select(). Unchanged when there is no room.
+inline Descriptor outOfTheWay(Descriptor descriptor) {
+  rlimit limit{};
+  if (!descriptor || ::getrlimit(RLIMIT_NOFILE, &limit) != 0) return descriptor;
+  const int end = static_cast<int>(std::min<rlim_t>(limit.rlim_cur, FD_SETSIZE));
+  Descriptor moved(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, std::max(end - 64, 0)));
+  return moved ? std::move(moved) : std::move(descriptor);
+}
 
 // All bytes, or false with errno.
 inline bool writeAll(int descriptor, std::string_view bytes) {

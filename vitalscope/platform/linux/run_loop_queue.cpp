@@ -3,13 +3,11 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
-#include <sys/select.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 
+#include "vitalscope/platform/linux/descriptor.h"
 #include "vitalscope/platform/linux/fork_guard.h"
 
 namespace qbv::linux_backend {
@@ -17,17 +15,6 @@ namespace qbv::linux_backend {
 namespace {
 
 constinit std::atomic<int> mainDescriptor{-1};
-
-// Out of the way of programs that count on low numbers, and still good for select().
-int highDescriptor(int descriptor) {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return descriptor;
-  const int end = static_cast<int>(std::min<rlim_t>(limit.rlim_cur, FD_SETSIZE));
-  const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, std::max(end - 64, 0));
-  if (moved < 0) return descriptor;
-  close(descriptor);
-  return moved;
-}
 
 // A child shares the parent's object until it has one of its own: reading would take the parent's wake-up,
 // and a loop that polls it would spin.
@@ -56,7 +43,7 @@ void MainQueue::makeDescriptor() {
   if (mainDescriptor.load(std::memory_order_relaxed) >= 0) return;
   const int made = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (made < 0) return;
-  mainDescriptor.store(highDescriptor(made), std::memory_order_relaxed);
+  mainDescriptor.store(outOfTheWay(Descriptor(made)).release(), std::memory_order_relaxed);
   if (!waiting_.empty()) setReadable(true);
 }
 

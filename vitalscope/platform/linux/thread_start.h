@@ -3,6 +3,8 @@
 
 #include <cstddef>
 
+#include "vitalscope/platform/export.h"
+
 namespace qbv::linux_backend {
 
 // Stack of a thread that runs handlers: report text is formatted and call chains are unwound on it, and the
@@ -14,6 +16,6 @@ inline constexpr std::size_t kHandlerStackBytes = std::size_t{512} * 1024;
 // signal but those a fault of its own raises (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS): the host's
 // signals never land on it, and the host's crash handler still sees a crash there. Answers false when the
 // system refuses a thread. Any thread, not in signal handlers.
-bool startThread(const char* name, std::size_t stackBytes, void (*entry)(void*), void* argument);
+QBV_EXPORT bool startThread(const char* name, std::size_t stackBytes, void (*entry)(void*), void* argument);
 
 }  // namespace qbv::linux_backend

@@ -1,0 +1,20 @@
+// What the launcher told the stand-in host through the environment.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace qbv::standin {
+
+struct Settings {
+  std::string email;
+  bool keepsLogs = true;
+  std::string bundleId;
+  std::string version;
+};
+
+// `variable` answers null for a variable that is not set.
+Settings settingsFrom(const std::function<const char*(const char* name)>& variable,
+                      const std::string& executable, const std::string& mailDomain);
+
+}  // namespace qbv::standin
