@@ -5,6 +5,7 @@
 #include <link.h>
 
 #include <cstring>
+#include <optional>
 
 namespace qbv::linux_backend {
 
@@ -13,7 +14,7 @@ namespace {
 constexpr std::uint64_t kPage = 4096;
 
 // Program headers as far as they lie in the image's first page, where linkers put them.
-void addReadableSegments(std::uint64_t start, std::uint64_t slide, UnwindImage& image) {
+void addReadableSegments(std::uint64_t start, UnwindImage& image) {
   ElfW(Ehdr) header;
   std::memcpy(&header, reinterpret_cast<const void*>(start), sizeof header);
   const bool usable = std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
@@ -22,10 +23,13 @@ void addReadableSegments(std::uint64_t start, std::uint64_t slide, UnwindImage& 
                       header.e_phnum <= (kPage - header.e_phoff) / sizeof(ElfW(Phdr));
   if (!usable) return;
   const auto* const segments = reinterpret_cast<const ElfW(Phdr)*>(start + header.e_phoff);
+  std::optional<std::uint64_t> slide;
   for (unsigned i = 0; i < header.e_phnum; ++i) {
     const ElfW(Phdr)& segment = segments[i];
+    // The mapping starts with the first of them.
+    if (segment.p_type == PT_LOAD && !slide) slide = start - segment.p_vaddr / kPage * kPage;
     if (segment.p_type != PT_LOAD || (segment.p_flags & PF_R) == 0) continue;
-    image.addSegment({slide + segment.p_vaddr, slide + segment.p_vaddr + segment.p_filesz});
+    image.addSegment({*slide + segment.p_vaddr, *slide + segment.p_vaddr + segment.p_filesz});
   }
 }
 
@@ -36,8 +40,7 @@ bool loadedImageAt(std::uint64_t pc, UnwindImage& image) {
   if (_dl_find_object(reinterpret_cast<void*>(pc), &found) != 0) return false;
   image = {};
   image.frameHeader = reinterpret_cast<std::uint64_t>(found.dlfo_eh_frame);
-  addReadableSegments(reinterpret_cast<std::uint64_t>(found.dlfo_map_start), found.dlfo_link_map->l_addr,
-                      image);
+  addReadableSegments(reinterpret_cast<std::uint64_t>(found.dlfo_map_start), image);
   return true;
 }
 
