@@ -16,7 +16,8 @@
 #include "vitalscope/report/QBVReportFunctions.h"
 
 // Once a tick it posts a guard to the main queue and counts the earlier ones that are still unanswered: two
-// or more are a hang, graded by their number. When the main thread answers, a jump or a high level of the
+// or more are a hang, graded by their number. Until a pass of the main loop has been seen it posts none and
+// nothing counts as hung. When the main thread answers, a jump or a high level of the
 // process's CPU use is a finding too. At most every five seconds a finding becomes a report.
 //
 // All ticks run on `queue`, one at a time. What other threads may ask is said below; nothing here is for
@@ -69,6 +70,8 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
   // What this tick finds: nothing, a blocked main thread, or CPU use.
   QBVReportReason check();
   bool detectMainThreadTimeout();
+  // Whether the main thread can be expected to answer at all. Logs once when it takes long.
+  bool mainLoopTurns();
   void addMainThreadGuardObject(const std::shared_ptr<QBVMainThreadGuard>& guard);
   bool responseTimeout();
   void recordAnrInfo(const char* key);
@@ -97,7 +100,9 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
   std::atomic<std::int64_t> anrTimes_{0};
   std::atomic<std::uint64_t> anrLevel_{0};
   std::atomic<qbv::AbsoluteTime> lastReportTime_{0};
-  double cpuPreValue_ = 0;  // percent; ticks only
+  double cpuPreValue_ = 0;    // percent; ticks only
+  int ticksWithoutLoop_ = 0;  // of an active host; ticks only
+  bool loopMissed_ = false;   // ticks only
 
   std::atomic<bool> tickRuns_{false};  // a restarted timer's tick finds the last one of the old timer running
   std::mutex timerLock_;               // start and stop against each other; the timer and the queue

@@ -16,6 +16,7 @@ namespace {
 constexpr double kCPUJump = 10.0;   // percentage points above the figure of the tick before
 constexpr double kCPULevel = 70.0;  // percent of one core
 constexpr double kSecondsBetweenReports = 5.0;
+constexpr double kSecondsToMissTheLoop = 10.0;  // a large application may well take that long to start
 
 std::string percentText(double percent) {
   char text[32];
@@ -31,7 +32,20 @@ QBVReportReason QBVitalscopeANRMonitor::check() {
   return cpuUsageForAppOverThreshold() ? QBVReportReasonCPUOverThreshold : QBVReportReasonNone;
 }
 
+bool QBVitalscopeANRMonitor::mainLoopTurns() {
+  if (platform().runLoop.mainLoopSeen()) return true;
+  if (++ticksWithoutLoop_ * watchdogInterval() >= kSecondsToMissTheLoop && !loopMissed_) {
+    loopMissed_ = true;
+    platform().log.NSLog(
+        "QuibVitalscope: no main loop has been seen yet, so hangs are not watched. A program with a loop of "
+        "its "
+        "own polls the main queue's descriptor.");
+  }
+  return false;
+}
+
 bool QBVitalscopeANRMonitor::detectMainThreadTimeout() {
+  if (!mainLoopTurns()) return false;
   const auto guard = std::make_shared<QBVMainThreadGuard>();
   addMainThreadGuardObject(guard);
   qbv::Dispatch& dispatch = platform().dispatch;

@@ -5,7 +5,9 @@
 
 namespace qbv {
 
-// A host without a loop of its own calls run(); one that has a loop polls descriptor() and calls drain().
+// A host without a loop of its own calls run(); one that has a loop polls descriptor() and calls drain(). A
+// host whose loop is GLib's (GTK; Qt as distributions build it) need do nothing on Linux: the main queue
+// becomes a source of the default main context by itself.
 class QBV_EXPORT RunLoop {
  public:
   virtual ~RunLoop() = default;
@@ -24,6 +26,15 @@ class QBV_EXPORT RunLoop {
   // Runs the blocks that are waiting now (not those they add) and clears the descriptor. Main thread only;
   // safe when called from inside a block. Answers whether any block ran.
   virtual bool drain() = 0;
+
+  // Whether a pass of the main thread's loop has been seen, of whichever kind. Before that a thread that does
+  // not answer may as well be starting, or have no loop at all: nothing may count as hung. Asking is also the
+  // occasion on which a loop that came with a library loaded meanwhile is looked for, in the background. Any
+  // thread; never waits.
+  virtual bool mainLoopSeen() = 0;
+  // Who turned the latest pass: "own loop" (run and runOnce), "GLib", "descriptor" (the host called drain()),
+  // or "none seen". Any thread.
+  virtual const char* mainLoopKind() = 0;
 };
 
 }  // namespace qbv

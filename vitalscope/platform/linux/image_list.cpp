@@ -33,15 +33,7 @@ LoadedImages::LoadedImages()
 }
 
 std::uint32_t LoadedImages::_dyld_image_count() {
-  struct Counters {
-    std::uint64_t adds, subs;
-  } now{};
-  visitLoadedImages(
-      [](dl_phdr_info* info, std::size_t, void* counters) {
-        *static_cast<Counters*>(counters) = {info->dlpi_adds, info->dlpi_subs};
-        return 1;
-      },
-      &now);
+  const LoaderCounters now = loaderCounters();
   if (now.adds != adds_.load(std::memory_order_acquire) ||
       now.subs != subs_.load(std::memory_order_acquire)) {
     takeIn();

@@ -15,17 +15,6 @@ bool within(std::span<const std::byte> block, const void* address, std::size_t s
   return AddressRange{start, start + block.size()}.contains(reinterpret_cast<std::uint64_t>(address), size);
 }
 
-std::uint64_t removalsSoFar() {
-  std::uint64_t removals = 0;
-  visitLoadedImages(
-      [](dl_phdr_info* info, std::size_t, void* result) {
-        *static_cast<std::uint64_t*>(result) = info->dlpi_subs;
-        return 1;
-      },
-      &removals);
-  return removals;
-}
-
 }  // namespace
 
 Images& images() {
@@ -82,11 +71,11 @@ std::optional<std::uint32_t> LoadedImages::likelyImage(std::uint64_t address) {
 const std::byte* LoadedImages::build(LoadedImage& image, std::uint32_t index) {
   const std::lock_guard lock(image.building);
   for (int attempt = 0; attempt < kBuildAttempts && image.full.load() == nullptr; ++attempt) {
-    const std::uint64_t removals = removalsSoFar();
+    const std::uint64_t removals = loaderCounters().subs;
     _dyld_image_count();
     if (at(index) != &image) break;
     std::span<const std::byte> full = buildImageSymbols(image.object, image.executable, image.file);
-    if (removals != removalsSoFar()) {
+    if (removals != loaderCounters().subs) {
       if (!full.empty()) munmap(const_cast<std::byte*>(full.data()), full.size());
       continue;
     }

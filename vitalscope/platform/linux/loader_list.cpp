@@ -61,4 +61,15 @@ int visitLoadedImages(int (*visit)(dl_phdr_info*, std::size_t, void*), void* dat
   return answer;
 }
 
+LoaderCounters loaderCounters() {
+  LoaderCounters now;
+  visitLoadedImages(
+      [](dl_phdr_info* info, std::size_t, void* counters) {
+        *static_cast<LoaderCounters*>(counters) = {info->dlpi_adds, info->dlpi_subs};
+        return 1;
+      },
+      &now);
+  return now;
+}
+
 }  // namespace qbv::linux_backend

@@ -10,6 +10,8 @@
 
 #include "vitalscope/platform/linux/areas.h"
 #include "vitalscope/platform/linux/fork_guard.h"
+#include "vitalscope/platform/linux/library_watch.h"
+#include "vitalscope/platform/linux/loop_passes.h"
 #include "vitalscope/platform/linux/run_loop_queue.h"
 
 namespace qbv::linux_backend {
@@ -46,7 +48,9 @@ class LinuxRunLoop final : public RunLoop {
   bool runOnce(int timeoutMilliseconds) override { return pass(timeoutMilliseconds); }
   void stop() override;
   int descriptor() override { return queue_.descriptor(); }
-  bool drain() override { return queue_.drain(); }
+  bool drain() override;
+  bool mainLoopSeen() override;
+  const char* mainLoopKind() override;
 
  private:
   // One run() that has not returned yet; the innermost is the head of the list.
@@ -68,8 +72,33 @@ class LinuxRunLoop final : public RunLoop {
 bool LinuxRunLoop::pass(int timeoutMilliseconds) {
   const int wake = queue_.descriptor();
   if (wake < 0) timeoutMilliseconds = blindTimeout(timeoutMilliseconds);
+  noteLoopPass(LoopKind::own);
   waitReadable(wake, timeoutMilliseconds);
   return queue_.drain();
+}
+
+bool LinuxRunLoop::drain() {
+  noteLoopPass(LoopKind::descriptor);
+  return queue_.drain();
+}
+
+bool LinuxRunLoop::mainLoopSeen() {
+  lookForMainLoopSoon();
+  return latestLoop() != LoopKind::none;
+}
+
+const char* LinuxRunLoop::mainLoopKind() {
+  switch (latestLoop()) {
+    case LoopKind::own:
+      return "own loop";
+    case LoopKind::glib:
+      return "GLib";
+    case LoopKind::descriptor:
+      return "descriptor";
+    case LoopKind::none:
+      break;
+  }
+  return "none seen";
 }
 
 void LinuxRunLoop::run() {

@@ -9,6 +9,7 @@
 
 #include "vitalscope/platform/linux/descriptor.h"
 #include "vitalscope/platform/linux/fork_guard.h"
+#include "vitalscope/platform/linux/library_watch.h"
 
 namespace qbv::linux_backend {
 
@@ -58,21 +59,38 @@ void MainQueue::setReadable(bool readable) noexcept {
   }
 }
 
+bool MainQueue::replaceDescriptor() {
+  const std::lock_guard lock(mutex_);
+  const int number = mainDescriptor.load(std::memory_order_relaxed);
+  const Descriptor made(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  Descriptor placed(made ? fcntl(made.get(), F_DUPFD_CLOEXEC, number) : -1);
+  if (placed.get() != number) return false;
+  placed.release();
+  if (!waiting_.empty()) setReadable(true);
+  return true;
+}
+
 int MainQueue::descriptor() {
   if (!isForkedChild()) {
-    const std::lock_guard lock(mutex_);
-    makeDescriptor();
+    {
+      const std::lock_guard lock(mutex_);
+      makeDescriptor();
+    }
+    watchForMainLoop();
   }
   return mainDescriptor.load(std::memory_order_relaxed);
 }
 
 void MainQueue::enqueue(WorkItem& item) {
-  const std::lock_guard lock(mutex_);
-  makeDescriptor();
-  const bool first = waiting_.empty();
-  waiting_.push(item);
-  ++posted_;
-  if (first) setReadable(true);
+  {
+    const std::lock_guard lock(mutex_);
+    makeDescriptor();
+    const bool first = waiting_.empty();
+    waiting_.push(item);
+    ++posted_;
+    if (first) setReadable(true);
+  }
+  watchForMainLoop();
 }
 
 bool MainQueue::drain() {

@@ -9,7 +9,7 @@
 namespace qbv::linux_backend {
 
 // The descriptor is readable exactly while blocks wait that no drain has begun to run, so a loop that is
-// nested in a block goes on with the rest. Never destroyed.
+// nested in a block goes on with the rest. Its first use begins the look for a main loop. Never destroyed.
 class MainQueue final : public TargetQueue {
  public:
   static MainQueue& shared();
@@ -21,6 +21,9 @@ class MainQueue final : public TargetQueue {
   // to an object of the child's own that never becomes readable, and drain() does nothing.
   int descriptor();
   bool drain();
+  // For a loop that found the descriptor closed, as a program does that closes all it does not know: makes
+  // another with the same number. False when that number is taken by now.
+  bool replaceDescriptor();
 
  private:
   MainQueue();

@@ -1,6 +1,7 @@
 // The main thread's loop, turned by the test.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -23,11 +24,16 @@ class ScriptedRunLoop final : public RunLoop {
   void stop() override;
   int descriptor() override { return -1; }
   bool drain() override { return dispatch_.drainMainQueue(); }
+  bool mainLoopSeen() override { return seen_.load(); }
+  const char* mainLoopKind() override { return seen_.load() ? "own loop" : "none seen"; }
+  // Whether a pass counts as seen; true unless a test says otherwise. Turning the loop changes nothing.
+  void setMainLoopSeen(bool seen) { seen_.store(seen); }
   // Drains until the main queue is empty.
   void drainAll();
 
  private:
   ScriptedDispatch& dispatch_;
+  std::atomic<bool> seen_{true};
   std::mutex mutex_;
   std::vector<bool> stopped_;  // one for each run() that runs, the innermost last
 };

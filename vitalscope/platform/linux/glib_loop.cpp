@@ -1,0 +1,143 @@
+#include "vitalscope/platform/linux/glib_loop.h"
+
+#include <dlfcn.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <span>
+#include <string_view>
+
+#include "vitalscope/platform/linux/fork_guard.h"
+#include "vitalscope/platform/linux/loader_list.h"
+#include "vitalscope/platform/linux/loop_passes.h"
+#include "vitalscope/platform/linux/process_identity.h"
+#include "vitalscope/platform/linux/run_loop_queue.h"
+
+namespace qbv::linux_backend {
+
+namespace {
+
+constexpr std::string_view kLibrary = "libglib-2.0.so";
+
+// The types of GLib's binary interface that are needed here, under its own names.
+struct GMainContext;
+struct GSource;
+struct GPollFD {
+  int fd;
+  unsigned short events;
+  unsigned short revents;
+};
+using GPollFunc = int (*)(GPollFD* entries, unsigned count, int timeout);
+using GUnixFDSourceFunc = int (*)(int descriptor, unsigned condition, void* data);
+
+// What a source's callback answers.
+constexpr int kKeepSource = 1;
+constexpr int kRemoveSource = 0;
+
+struct Functions {
+  GMainContext* (*g_main_context_default)();
+  GPollFunc (*g_main_context_get_poll_func)(GMainContext*);
+  void (*g_main_context_set_poll_func)(GMainContext*, GPollFunc);
+  GSource* (*g_unix_fd_source_new)(int descriptor, unsigned condition);
+  void (*g_source_set_name)(GSource*, const char*);
+  void (*g_source_set_can_recurse)(GSource*, int);
+  // A source of a descriptor takes its own kind of callback through the general type.
+  void (*g_source_set_callback)(GSource*, GUnixFDSourceFunc, void* data, void (*destroy)(void*));
+  unsigned (*g_source_attach)(GSource*, GMainContext*);
+  void (*g_source_unref)(GSource*);
+};
+
+template <class Function>
+bool find(void* library, const char* name, Function& function) {
+  void* const address = dlsym(library, name);
+  static_assert(sizeof function == sizeof address);
+  std::memcpy(&function, &address, sizeof address);
+  return address != nullptr;
+}
+
+bool findAll(void* library, Functions& glib) {
+#define QBV_FIND(name) find(library, #name, glib.name)
+  return QBV_FIND(g_main_context_default) && QBV_FIND(g_main_context_get_poll_func) &&
+         QBV_FIND(g_main_context_set_poll_func) && QBV_FIND(g_unix_fd_source_new) &&
+         QBV_FIND(g_source_set_name) && QBV_FIND(g_source_set_can_recurse) &&
+         QBV_FIND(g_source_set_callback) && QBV_FIND(g_source_attach) && QBV_FIND(g_source_unref);
+#undef QBV_FIND
+}
+
+int takeGlibsPath(dl_phdr_info* info, std::size_t, void* result) {
+  const std::string_view path = info->dlpi_name != nullptr ? info->dlpi_name : "";
+  if (!path.substr(path.rfind('/') + 1).starts_with(kLibrary) || path.size() >= PATH_MAX) return 0;
+  std::copy(path.begin(), path.end(), static_cast<char*>(result));
+  return 1;
+}
+
+// GLib with its constructors behind it; null when it is not there. The global scope would miss it where it
+// came as a dependency of a module that was loaded locally.
+void* loadedGlib() {
+  char path[PATH_MAX] = "";
+  visitLoadedImages(takeGlibsPath, path);
+  return path[0] != '\0' ? dlopen(path, RTLD_NOW | RTLD_NOLOAD) : nullptr;
+}
+
+bool onMainThread() {
+  return threadId() == static_cast<std::uint32_t>(processId());
+}
+
+constinit std::atomic<GPollFunc> pollOfHost{nullptr};
+
+// Another thread turns the default context. It must not run the main thread's blocks; with the descriptor in
+// its poll it would spin as long as they wait.
+int pollWithoutMainQueue(std::span<GPollFD> entries, int timeout) {
+  const int ours = MainQueue::shared().descriptor();
+  const auto entry = std::ranges::find(entries, ours, &GPollFD::fd);
+  if (entry != entries.end()) entry->fd = -1;
+  const int ready = pollOfHost.load(std::memory_order_relaxed)(
+      entries.data(), static_cast<unsigned>(entries.size()), timeout);
+  if (entry != entries.end()) {
+    entry->fd = ours;
+    entry->revents = 0;
+  }
+  return ready;
+}
+
+// Before waiting and after waiting are the moments around the inner call, when the timeout is not 0.
+int pollOfMainContext(GPollFD* entries, unsigned count, int timeout) {
+  if (!onMainThread()) return pollWithoutMainQueue({entries, count}, timeout);
+  noteLoopPass(LoopKind::glib);
+  return pollOfHost.load(std::memory_order_relaxed)(entries, count, timeout);
+}
+
+int drainMainQueue(int, unsigned condition, void*) {
+  if (isForkedChild() || !onMainThread()) return kRemoveSource;
+  if ((condition & POLLNVAL) != 0)
+    return MainQueue::shared().replaceDescriptor() ? kKeepSource : kRemoveSource;
+  noteLoopPass(LoopKind::glib);
+  MainQueue::shared().drain();
+  return kKeepSource;
+}
+
+}  // namespace
+
+bool attachToGlib() {
+  void* const library = loadedGlib();
+  Functions glib{};
+  const int wake = MainQueue::shared().descriptor();
+  if (library == nullptr || wake < 0 || !findAll(library, glib)) return false;
+
+  GMainContext* const context = glib.g_main_context_default();
+  pollOfHost.store(glib.g_main_context_get_poll_func(context), std::memory_order_relaxed);
+  glib.g_main_context_set_poll_func(context, pollOfMainContext);
+
+  GSource* const source = glib.g_unix_fd_source_new(wake, POLLIN);
+  glib.g_source_set_name(source, "QuibVitalscope main queue");
+  glib.g_source_set_can_recurse(source, 1);
+  glib.g_source_set_callback(source, drainMainQueue, nullptr, nullptr);
+  glib.g_source_attach(source, context);
+  glib.g_source_unref(source);
+  return true;
+}
+
+}  // namespace qbv::linux_backend
