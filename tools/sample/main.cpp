@@ -18,7 +18,7 @@
 
 #include "tools/sample/report_writer.h"
 #include "tools/sample/stack_reader.h"
-#include "tools/sample/tracer.h"
+#include "tools/tracer/tracer.h"
 
 namespace {
 
@@ -87,7 +87,7 @@ struct Observations {
   std::string note;
 };
 
-void sweep(pid_t process, sample::Tracer& tracer, sample::StackReader& reader, Observations& seen) {
+void sweep(pid_t process, tracer::Tracer& tracer, sample::StackReader& reader, Observations& seen) {
   const auto begin = Clock::now();
   for (const pid_t thread : tracer.stopAll()) {
     const sample::Chain chain = reader.chainOf(thread);
@@ -100,7 +100,7 @@ void sweep(pid_t process, sample::Tracer& tracer, sample::StackReader& reader, O
     if (!seen.names.contains(thread)) seen.names[thread] = threadName(process, thread);
 }
 
-Observations observe(const Options& options, sample::Tracer& tracer, sample::StackReader& reader) {
+Observations observe(const Options& options, tracer::Tracer& tracer, sample::StackReader& reader) {
   Observations seen;
   const auto begin = Clock::now();
   const auto end =
@@ -112,8 +112,8 @@ Observations observe(const Options& options, sample::Tracer& tracer, sample::Sta
     // A sweep that took longer than a step is not made up for: the target comes first.
     next = std::max(next + kStep, Clock::now());
     const auto outcome = tracer.serveUntil(std::min(next, end));
-    if (outcome == sample::Tracer::Wait::targetEnded) seen.note = "the process ended during the sampling";
-    if (outcome == sample::Tracer::Wait::interrupted) seen.note = "the sampling was interrupted";
+    if (outcome == tracer::Tracer::Wait::targetEnded) seen.note = "the process ended during the sampling";
+    if (outcome == tracer::Tracer::Wait::interrupted) seen.note = "the sampling was interrupted";
   } while (seen.note.empty() && Clock::now() < end);
   seen.length = Clock::now() - begin;
   return seen;
@@ -186,7 +186,7 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
   blockSignals();
-  sample::Tracer tracer(options->process);
+  tracer::Tracer tracer(options->process);
   if (const std::string failure = tracer.attach(); !failure.empty()) return fail(failure);
   sample::StackReader reader(options->process);
   if (const std::string failure = reader.open(); !failure.empty()) return fail(failure);

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace sample {
+namespace tracer {
 
 // One tracer per program run; one thread only. SIGCHLD and the signals that end the program must be blocked
 // in it: they are taken with sigtimedwait. If the tracer dies in whatever way, the kernel lets the target go
@@ -48,4 +48,4 @@ class Tracer {
   std::vector<pid_t> stopped_;
 };
 
-}  // namespace sample
+}  // namespace tracer

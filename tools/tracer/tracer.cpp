@@ -1,4 +1,4 @@
-#include "tools/sample/tracer.h"
+#include "tools/tracer/tracer.h"
 
 #include <dirent.h>
 #include <sys/ptrace.h>
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <fstream>
 
-namespace sample {
+namespace tracer {
 
 namespace {
 
@@ -184,4 +184,4 @@ void Tracer::detach() {
   threads_.clear();
 }
 
-}  // namespace sample
+}  // namespace tracer
