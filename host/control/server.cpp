@@ -35,7 +35,9 @@ void ControlServer::serve() {
   for (;;) {
     std::vector<pollfd> entries = watched();
     if (retried([&] { return ::poll(entries.data(), entries.size(), millisecondsToDeadline()); }) < 0) return;
-    if (entries.front().revents != 0 && !acceptConnections()) return;
+    const short listener = entries.front().revents;
+    if ((listener & (POLLHUP | POLLERR | POLLNVAL)) != 0) return;
+    if (listener != 0 && !acceptConnections()) return;
     if (acceptAgain_ && Clock::now() >= *acceptAgain_) acceptAgain_.reset();
     // Those accepted just now are at the end of the list and have no entry yet.
     auto connection = connections_.begin();
@@ -73,7 +75,8 @@ bool ControlServer::acceptConnections() {
       continue;
     }
     if (wouldBlock()) return true;
-    if (errno == EINVAL || errno == EBADF || errno == ENOTSOCK) return false;
+    if (errno == EINVAL || errno == EBADF || errno == ENOTSOCK)
+      return false;  // what has its number now is not ours
     if (errno == EINTR || errno == ECONNABORTED) continue;
     acceptAgain_ = Clock::now() + kRestWithoutDescriptors;
     return true;
