@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "host/standin/x11_display.h"
@@ -51,9 +52,12 @@ bool isActive(const ActivityFacts& facts, int processId) noexcept {
 }
 
 void watchActivity(const char* name, int processId, bool waylandSession, const ActivityReport& report) {
-  std::optional<bool> reported;
+  std::optional<std::pair<bool, std::string_view>> told;
   const auto tell = [&](bool active, const char* source) {
-    if (std::exchange(reported, active) != active) report(active, source);
+    const std::pair<bool, std::string_view> now(active, source);
+    if (told == now) return;
+    told = now;
+    report(active, source);
   };
   const std::unique_ptr<X11Display> display = X11Display::connect(name);
   if (display != nullptr && display->watchRoot()) {
@@ -63,7 +67,6 @@ void watchActivity(const char* name, int processId, bool waylandSession, const A
       tell(isActive(facts, processId), facts.windowManager ? kByWindowManager : kAlways);
     } while (display->waitForChange());
   }
-  reported.reset();
   tell(true, kAlways);
 }
 
