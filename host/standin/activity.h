@@ -8,9 +8,9 @@ namespace qbv::standin {
 
 // What a look at the display says.
 struct ActivityFacts {
-  bool windowManager = false;        // one that says which window is active
-  std::optional<int> activeProcess;  // whose window that is
-  bool waylandSession = false;       // windows that this display knows nothing of may be in front
+  bool windowManager = false;             // one that says which window is active
+  std::optional<int> activeProcess = {};  // whose window that is
+  bool waylandSession = false;            // windows that this display knows nothing of may be in front
   bool ownsWindow = false;  // this process has a window on this display; asked in Wayland sessions only
 };
 
