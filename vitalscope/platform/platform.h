@@ -1,6 +1,7 @@
 // The set of platform areas that the monitors work on.
 #pragma once
 
+#include "vitalscope/platform/allocator.h"
 #include "vitalscope/platform/clock.h"
 #include "vitalscope/platform/dates.h"
 #include "vitalscope/platform/dispatch.h"
@@ -30,6 +31,7 @@ struct Platform {
   Dates& dates;
   Log& log;
   HostInfo& hostInfo;
+  Allocator& allocator;
 };
 
 // The set in use: the real one of this system unless a test installed another. Any thread; one atomic load.

@@ -75,6 +75,11 @@ class QBV_EXPORT Task {
   virtual void willCaptureThreads(const ThreadPort* threads, std::uint32_t count);
   virtual void didCaptureThreads();
 
+  // Return addresses of the calling thread's own stack, innermost first, the one behind this call among them;
+  // at most `size`. Answers how many. Any thread, not in signal handlers; takes no heap memory, except in
+  // the process's first call. An allocation hook may call it.
+  virtual int backtrace(void** buffer, int size) = 0;
+
   // Copies memory of the own process; an address that is not mapped gives KERN_INVALID_ADDRESS, never a
   // fault. *copied (may be null) is what was copied. Any thread, async-signal-safe, no lock, no allocation.
   virtual KernReturn vm_read_overwrite(std::uint64_t address, std::size_t size, void* buffer,

@@ -17,5 +17,6 @@ Clock& clock();
 Dates& dates();
 Log& log();
 HostInfo& hostInfo();
+Allocator& allocator();
 
 }  // namespace qbv::linux_backend

@@ -5,6 +5,7 @@
 #include "vitalscope/platform/linux/areas.h"
 #include "vitalscope/platform/linux/cpu_usage.h"
 #include "vitalscope/platform/linux/footprint.h"
+#include "vitalscope/platform/linux/own_backtrace.h"
 #include "vitalscope/platform/linux/process_identity.h"
 #include "vitalscope/platform/linux/requester.h"
 #include "vitalscope/platform/linux/safe_read.h"
@@ -58,6 +59,13 @@ class LinuxTask final : public Task {
   }
   void didCaptureThreads() override {
     if (Requester* const requester = Requester::present()) requester->endBatch();
+  }
+
+  // Inlined it would have no frame of its own to begin with.
+  [[gnu::noinline]] int backtrace(void** buffer, int size) override {
+    Registers registers;
+    readOwnRegisters(registers);
+    return size <= 0 ? 0 : ownBacktrace(registers, buffer, static_cast<std::size_t>(size));
   }
 
   KernReturn vm_read_overwrite(std::uint64_t address, std::size_t size, void* buffer,

@@ -3,6 +3,7 @@
 
 #include "vitalscope/platform/platform.h"
 #include "vitalscope/platform/portable/class_table.h"
+#include "vitalscope/platform/scripted/scripted_allocator.h"
 #include "vitalscope/platform/scripted/scripted_clock.h"
 #include "vitalscope/platform/scripted/scripted_dates.h"
 #include "vitalscope/platform/scripted/scripted_dispatch.h"
@@ -46,10 +47,11 @@ class ScriptedPlatform {
   ScriptedDates dates;
   ScriptedLog log;
   ScriptedHostInfo hostInfo;
+  ScriptedAllocator allocator;
 
  private:
-  Platform areas_{task,      images, runtime, dispatch, runLoop, notifications,
-                  processes, files,  clock,   dates,    log,     hostInfo};
+  Platform areas_{task,  images, runtime, dispatch, runLoop,  notifications, processes,
+                  files, clock,  dates,   log,      hostInfo, allocator};
   ScopedPlatform installed_{areas_};
 };
 

@@ -124,6 +124,14 @@ void ScriptedTask::didCaptureThreads() {
   record(TaskCall::didCaptureThreads, KERN_SUCCESS);
 }
 
+int ScriptedTask::backtrace(void** buffer, int size) {
+  const std::lock_guard lock(mutex_);
+  int count = 0;
+  for (; count < size && static_cast<std::size_t>(count) < backtrace_.size(); ++count)
+    buffer[count] = reinterpret_cast<void*>(backtrace_[static_cast<std::size_t>(count)]);
+  return count;
+}
+
 KernReturn ScriptedTask::vm_read_overwrite(std::uint64_t address, std::size_t size, void* buffer,
                                            std::size_t* copied) {
   const std::lock_guard lock(mutex_);

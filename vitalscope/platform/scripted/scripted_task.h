@@ -69,6 +69,8 @@ class ScriptedTask final : public Task {
   KernReturn thread_resume(ThreadPort thread) override;
   void willCaptureThreads(const ThreadPort* threads, std::uint32_t count) override;
   void didCaptureThreads() override;
+  // What setBacktrace said for all threads; not recorded as a call.
+  int backtrace(void** buffer, int size) override;
   // What is mapped; a read that leaves it fails and copies nothing.
   KernReturn vm_read_overwrite(std::uint64_t address, std::size_t size, void* buffer,
                                std::size_t* copied) override;
@@ -114,6 +116,7 @@ class ScriptedTask final : public Task {
   void setFootprintMegabytes(double megabytes);
   void setProcessStartTimeMilliseconds(std::optional<double> time);
   void setAddressMask(std::uint64_t mask);
+  void setBacktrace(std::vector<std::uint64_t> returnAddresses);
 
   // --- What was done.
   std::vector<TaskCallRecord> calls() const;
@@ -164,6 +167,7 @@ class ScriptedTask final : public Task {
   std::uint64_t footprint_ = 0;
   std::optional<double> startTime_;
   std::uint64_t addressMask_ = kAddressMask;
+  std::vector<std::uint64_t> backtrace_;
   std::vector<TaskCallRecord> calls_;
 };
 

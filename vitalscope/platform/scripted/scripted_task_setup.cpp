@@ -117,6 +117,11 @@ void ScriptedTask::setProcessStartTimeMilliseconds(std::optional<double> time) {
   startTime_ = time;
 }
 
+void ScriptedTask::setBacktrace(std::vector<std::uint64_t> returnAddresses) {
+  const std::lock_guard lock(mutex_);
+  backtrace_ = std::move(returnAddresses);
+}
+
 void ScriptedTask::setAddressMask(std::uint64_t mask) {
   const std::lock_guard lock(mutex_);
   addressMask_ = mask;
