@@ -44,11 +44,19 @@ TemporaryFolder::~TemporaryFolder() {
 
 namespace {
 
-std::vector<std::string> environmentWithHome(const std::optional<fs::path>& home) {
-  std::vector<std::string> result;
-  for (char** entry = environ; *entry != nullptr; ++entry)
-    if (!std::string(*entry).starts_with("HOME=")) result.emplace_back(*entry);
+// This process's environment with these entries in place of its own, and with this home or none.
+std::vector<std::string> environmentWith(const std::optional<fs::path>& home,
+                                         const std::vector<std::string>& variables) {
+  std::vector<std::string> result = variables;
   if (home) result.push_back("HOME=" + home->string());
+  const auto given = [&](const std::string& entry) {
+    const std::string name = entry.substr(0, entry.find('=') + 1);
+    return name == "HOME=" ||
+           std::any_of(variables.begin(), variables.end(),
+                       [&](const std::string& variable) { return variable.starts_with(name); });
+  };
+  for (char** entry = environ; *entry != nullptr; ++entry)
+    if (!given(*entry)) result.emplace_back(*entry);
   return result;
 }
 
@@ -62,7 +70,7 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }  // namespace
 
 HostProcess::HostProcess(const std::string& executable, const std::vector<std::string>& arguments,
-                         const std::optional<fs::path>& home)
+                         const std::optional<fs::path>& home, const std::vector<std::string>& variables)
     : home_(home) {
   signal(SIGPIPE, SIG_IGN);
   int input[2];
@@ -74,7 +82,7 @@ HostProcess::HostProcess(const std::string& executable, const std::vector<std::s
   posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
   std::vector<std::string> words{executable};
   words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> environment = environmentWithHome(home);
+  std::vector<std::string> environment = environmentWith(home, variables);
   const int error = posix_spawn(&pid_, executable.c_str(), &actions, nullptr, pointers(words).data(),
                                 pointers(environment).data());
   posix_spawn_file_actions_destroy(&actions);

@@ -32,9 +32,11 @@ class TemporaryFolder {
 
 class HostProcess {
  public:
-  // Starts it with this home folder, or with no HOME at all.
+  // Starts it with this home folder, or with no HOME at all. `variables`: further "NAME=value" entries for
+  // its environment.
   HostProcess(const std::string& executable, const std::vector<std::string>& arguments,
-              const std::optional<std::filesystem::path>& home);
+              const std::optional<std::filesystem::path>& home,
+              const std::vector<std::string>& variables = {});
   ~HostProcess();  // kills it if it still runs
   HostProcess(const HostProcess&) = delete;
   HostProcess& operator=(const HostProcess&) = delete;

@@ -148,4 +148,22 @@ TEST_F(ANRLifecycleTest, OtherThreadsMayLookAndSwitchWhileTicksRun) {
   EXPECT_GT(monitor->anrTimes(), before) << "the monitor outlives the quarrel";
 }
 
+TEST_F(ANRLifecycleTest, NothingCountsAsHungBeforeTheMainLoopWasSeen) {
+  scripted.runLoop.setMainLoopSeen(false);
+  const std::size_t logged = scripted.log.messages().size();
+  start();
+  ticksWhileBlocked(8);
+  EXPECT_EQ(scripted.log.messages().size(), logged);
+  ticksWhileBlocked(30);
+  EXPECT_EQ(scripted.log.messages().size(), logged + 1) << "said once";
+  EXPECT_THAT(monitor->guardsArray(), SizeIs(0));
+  EXPECT_FALSE(scripted.runLoop.drain()) << "nothing was posted";
+  EXPECT_EQ(monitor->anrTimes(), 0);
+
+  scripted.runLoop.setMainLoopSeen(true);
+  ticksWhileBlocked(3);
+  EXPECT_EQ(monitor->anrLevel(), 2U);
+  EXPECT_EQ(reportRequests(), 1U);
+}
+
 }  // namespace

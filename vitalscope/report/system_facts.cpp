@@ -6,7 +6,7 @@ namespace qbv {
 
 std::string versionText(int major, int minor, int patch) {
   std::string text = std::to_string(major) + "." + std::to_string(minor);
-  if (patch != 0) text += "." + std::to_string(patch);
+  if (patch != 0) text.append(1, '.').append(std::to_string(patch));
   return text;
 }
 

@@ -1,0 +1,68 @@
+"""An application of PyGObject that knows nothing of any monitor; GLib and GTK come to it by dlopen.
+
+Argument: "glib" (a plain GLib.MainLoop), "gtk" (Gtk.main with a window) or "application" (Gtk.Application). Commands
+come as lines on standard input, are obeyed in a callback of the loop and are answered with "done COMMAND":
+block SECONDS, turn SECONDS (a nested loop), dialog SECONDS (a modal dialog), exit.
+"""
+import sys
+import time
+
+import gi
+
+kind = sys.argv[1]
+if kind != "glib":
+    gi.require_version("Gtk", "3.0")
+    from gi.repository import Gtk
+from gi.repository import GLib
+
+window = None
+
+
+def turn(seconds):
+    loop = GLib.MainLoop()
+    GLib.timeout_add(int(seconds * 1000), loop.quit)
+    loop.run()
+
+
+def show_dialog(seconds):
+    dialog = Gtk.MessageDialog(transient_for=window, modal=True, buttons=Gtk.ButtonsType.OK, text="Really?")
+    GLib.timeout_add(int(seconds * 1000), lambda: dialog.response(Gtk.ResponseType.OK) and False)
+    dialog.run()
+    dialog.destroy()
+
+
+def obey(channel, _condition, leave):
+    words = channel.readline().split()
+    if not words or words[0] == "exit":
+        leave()
+        return False
+    {"block": time.sleep, "turn": turn, "dialog": show_dialog}[words[0]](float(words[1]))
+    print("done", *words, flush=True)
+    return True
+
+
+def listen(leave):
+    channel = GLib.IOChannel.unix_new(0)
+    GLib.io_add_watch(channel, GLib.PRIORITY_DEFAULT, GLib.IOCondition.IN | GLib.IOCondition.HUP, obey, leave)
+
+
+if kind == "glib":
+    main_loop = GLib.MainLoop()
+    listen(main_loop.quit)
+    main_loop.run()
+elif kind == "gtk":
+    window = Gtk.Window()
+    window.show_all()
+    listen(Gtk.main_quit)
+    Gtk.main()
+else:
+    application = Gtk.Application()
+
+    def activate(_application):
+        global window
+        window = Gtk.ApplicationWindow(application=application)
+        window.show_all()
+        listen(application.quit)
+
+    application.connect("activate", activate)
+    application.run()

@@ -1,0 +1,187 @@
+// Programs that know nothing of any monitor, under the stand-in host: their toolkits' loops carry the guards,
+// so a callback that blocks is reported, and neither a nested loop nor a modal dialog is.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/end_to_end/host_process.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using e2e::HostProcess;
+using e2e::TemporaryFolder;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+constexpr char kPython[] = "/usr/bin/python3";  // the system's, which has the bindings
+
+// Signed in at the loop's first pass; the rest is for the warm-up of reports.
+constexpr char kWarmUp[] = "turn 7";
+
+// Without its end; empty when the other side closed early or was too slow.
+std::string firstLine(int descriptor) {
+  std::string line;
+  pollfd entry{descriptor, POLLIN, 0};
+  char letter = 0;
+  while (poll(&entry, 1, static_cast<int>(e2e::kPatience * 1000)) > 0 && read(descriptor, &letter, 1) == 1) {
+    if (letter == '\n') return line;
+    line += letter;
+  }
+  return "";
+}
+
+// An X server without a screen, on a display number of its own choice.
+class Display {
+ public:
+  Display() {
+    int report[2];
+    if (pipe(report) != 0) return;
+    fcntl(report[0], F_SETFD, FD_CLOEXEC);
+    const std::string number = std::to_string(report[1]);
+    const char* const words[] = {"Xvfb", "-displayfd", number.c_str(), "-nolisten", "tcp", nullptr};
+    if (posix_spawnp(&pid_, words[0], nullptr, nullptr, const_cast<char**>(words), environ) != 0) pid_ = -1;
+    close(report[1]);
+    const std::string line = firstLine(report[0]);
+    if (!line.empty()) name_ = ":" + line;
+    close(report[0]);
+  }
+  ~Display() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+  Display(const Display&) = delete;
+  Display& operator=(const Display&) = delete;
+  const std::string& name() const { return name_; }
+
+ private:
+  pid_t pid_ = -1;
+  std::string name_;
+};
+
+class MainLoops : public testing::Test {
+ protected:
+  using Host = std::unique_ptr<HostProcess>;
+
+  Host start(const std::string& executable, const std::vector<std::string>& arguments = {},
+             const std::vector<std::string>& variables = {}) {
+    std::vector<std::string> all{"LD_PRELOAD=" QBV_PRELOAD, "XDG_RUNTIME_DIR=" + home_.path().string(),
+                                 "NO_AT_BRIDGE=1", "DISPLAY="};
+    if (display_ != nullptr) all.back() += display_->name();
+    all.insert(all.end(), variables.begin(), variables.end());
+    return std::make_unique<HostProcess>(executable, arguments, home_.path(), all);
+  }
+  Host startPython(const std::string& kind) { return start(kPython, {QBV_PYTHON_HOST, kind}); }
+
+  bool hasDisplay() {
+    display_ = std::make_unique<Display>();
+    return !display_->name().empty();
+  }
+  static bool pythonHas(const std::string& library) {
+    const std::string command =
+        std::string(kPython) + " -c \"import gi; gi.require_version('" + library + "')\" 2>/dev/null";
+    return std::system(command.c_str()) == 0;
+  }
+
+  // The reports that show the main thread with these names, innermost first.
+  static void expectReportsOf(const HostProcess& host, const std::vector<std::string>& names) {
+    ASSERT_THAT(host.hangReports(), Not(IsEmpty()));
+    for (const fs::path& report : host.hangReports()) {
+      const std::vector<std::string> block = e2e::mainThreadBlock(e2e::contentOf(report));
+      std::size_t line = 0;
+      for (const std::string& name : names) {
+        while (line < block.size() && block[line].find(name) == std::string::npos) ++line;
+        EXPECT_LT(line, block.size()) << name << " in " << testing::PrintToString(block);
+      }
+    }
+  }
+
+ private:
+  TemporaryFolder home_;
+  std::unique_ptr<Display> display_;
+};
+
+TEST_F(MainLoops, BlockedCallbackOfGlibIsReported) {
+  const Host linked = start(QBV_GLIB_HOST);
+  const Host python = pythonHas("GLib', '2.0") ? startPython("glib") : nullptr;
+  for (HostProcess* host : {linked.get(), python.get()})
+    if (host != nullptr) host->tell({kWarmUp, "block 9", "turn 1"});
+  ASSERT_TRUE(linked->finished());
+  expectReportsOf(*linked, {"copyFromSlowShare", "importAttachments", "g_main_context_dispatch", "main "});
+  EXPECT_THAT(linked->hangReports("freeze"), SizeIs(1));
+  EXPECT_EQ(linked->exitStatus(), 0);
+  if (python == nullptr) GTEST_SKIP() << "package python3-gi is missing";
+  ASSERT_TRUE(python->finished());
+  expectReportsOf(*python, {"clock_nanosleep", "g_main_context_dispatch", "g_main_loop_run"});
+  EXPECT_THAT(python->hangReports("freeze"), SizeIs(1));
+  EXPECT_EQ(python->exitStatus(), 0);
+}
+
+// That something is reported afterwards shows that they were watched all the while.
+TEST_F(MainLoops, GtkIsWatchedThroughNestedLoopsAndDialogs) {
+  if (!hasDisplay()) GTEST_SKIP() << "package xvfb is missing";
+  if (!pythonHas("Gtk', '3.0")) GTEST_SKIP() << "package gir1.2-gtk-3.0 is missing";
+  const Host opensGtk = start(QBV_GLIB_HOST);
+  const Host window = startPython("gtk");
+  const Host application = startPython("application");
+  for (const Host* host : {&opensGtk, &window, &application}) (*host)->tell({"turn 4", "dialog 4", "turn 2"});
+  for (const Host* host : {&opensGtk, &window, &application}) {
+    ASSERT_TRUE((*host)->finished());
+    EXPECT_THAT((*host)->hangReports(), IsEmpty());
+    (*host)->tell({"block 9", "turn 1"});
+  }
+  for (const Host* host : {&opensGtk, &window, &application}) {
+    ASSERT_TRUE((*host)->finished());
+    expectReportsOf(**host, {"clock_nanosleep", "g_main_context_dispatch", "main "});
+    EXPECT_THAT((*host)->hangReports("freeze"), SizeIs(1));
+    EXPECT_EQ((*host)->exitStatus(), 0);
+  }
+}
+
+#ifdef QBV_QT_HOST
+TEST_F(MainLoops, QtIsWatchedWhereItsDispatcherRunsOnGlib) {
+  if (!hasDisplay()) GTEST_SKIP() << "package xvfb is missing";
+  const Host usual = start(QBV_QT_HOST);
+  const Host withoutGlib = start(QBV_QT_HOST, {}, {"QT_NO_GLIB=1"});
+  for (const Host* host : {&usual, &withoutGlib}) (*host)->tell({"turn 4", "dialog 4", "turn 2"});
+  for (const Host* host : {&usual, &withoutGlib}) {
+    ASSERT_TRUE((*host)->finished());
+    EXPECT_THAT((*host)->hangReports(), IsEmpty());
+    (*host)->tell({"block 9", "turn 1"});
+  }
+  ASSERT_TRUE(usual->finished());
+  ASSERT_TRUE(withoutGlib->finished());
+  expectReportsOf(
+      *usual, {"copyFromSlowShare", "importAttachments", "g_main_context_dispatch", "QEventLoop", "main "});
+  EXPECT_THAT(usual->hangReports("freeze"), SizeIs(1));
+  // GLib is loaded there and never turned: nobody can tell, so nothing is said.
+  EXPECT_THAT(withoutGlib->hangReports(), IsEmpty());
+  EXPECT_FALSE(fs::exists(withoutGlib->diagnosticRoot()));
+  EXPECT_EQ(usual->exitStatus(), 0);
+  EXPECT_EQ(withoutGlib->exitStatus(), 0);
+}
+#endif
+
+// What a program without any loop gets from all this: nothing.
+TEST_F(MainLoops, ProgramWithoutALoopIsLeftAlone) {
+  const Host shell = start("/bin/sh", {"-c", "read line; echo done $line; read line"});
+  shell->tell({"once"});
+  ASSERT_TRUE(shell->finished());
+  EXPECT_THAT(shell->threadNames(), SizeIs(1));
+  EXPECT_FALSE(fs::exists(shell->diagnosticRoot()));
+  EXPECT_EQ(shell->exitStatus(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,3 @@
+int answerOfSub(void) {
+  return 42;
+}
