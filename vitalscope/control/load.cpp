@@ -1,11 +1,27 @@
 #include "vitalscope/control/load.h"
 
 #include "vitalscope/control/QBVitalscope.h"
+#include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
 #include "vitalscope/probes/QBVitalscopeBacktrace.h"
+#include "vitalscope/report/QBVReportSources.h"
 
 namespace qbv {
 
+namespace {
+
+// What reports tell about the monitors above them.
+QBVReportSources sources() {
+  QBVReportSources sources;
+  sources.inOneHourMemoryUsageRecords = [] {
+    return QBVitalscopeMemoryMonitor::sharedInstance()->inOneHourMemoryUsageRecords();
+  };
+  return sources;
+}
+
+}  // namespace
+
 void load() {
+  setReportSources(sources());
   QBVitalscope::load();
   QBVitalscopeBacktrace::load();
 }

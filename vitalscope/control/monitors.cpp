@@ -5,6 +5,7 @@
 
 #include "vitalscope/control/QBVTool.h"
 #include "vitalscope/hang/QBVitalscopeANRMonitor.h"
+#include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
 #include "vitalscope/report/QBVitalscopeReport.h"
 
 namespace qbv {
@@ -30,6 +31,8 @@ std::span<const Monitor> monitors() {
   static constexpr std::array table = {
       Monitor{"main thread", false, [] { QBVitalscopeANRMonitor::sharedInstance()->start(); },
               [] { QBVitalscopeANRMonitor::sharedInstance()->stop(); }},
+      Monitor{"memory", true, [] { QBVitalscopeMemoryMonitor::sharedInstance()->start(); },
+              [] { QBVitalscopeMemoryMonitor::sharedInstance()->stop(); }},
       Monitor{"host log folder", true, [] { QBVitalscopeReport::sharedInstance()->cleanLogFile(); }, nullptr},
   };
   return table;

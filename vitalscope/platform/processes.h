@@ -7,15 +7,15 @@
 
 namespace qbv {
 
-// Any thread but the main one, not in signal handlers. Children inherit stdin and stderr, an environment
-// without this library's preload, and a PATH that begins with the folder of the companion tools. Their signal
-// mask and handlers are the defaults.
+// Any thread, not in signal handlers. Children inherit stdin and stderr, an environment without this
+// library's preload, and a PATH that begins with the folder of the companion tools. Their signal mask and
+// handlers are the defaults.
 class QBV_EXPORT Processes {
  public:
   virtual ~Processes() = default;
-  // Runs "/bin/bash" "-c" commandLine and waits. The bytes it wrote to standard output until that was closed;
-  // "" when it cannot be started. The exit status is not looked at. Leaves no zombie, whatever the host does
-  // with SIGCHLD.
+  // Runs "/bin/bash" "-c" commandLine and waits: not on the main thread, unless the host asked for it there.
+  // The bytes it wrote to standard output until that was closed; "" when it cannot be started. The exit
+  // status is not looked at. Leaves no zombie, whatever the host does with SIGCHLD.
   virtual std::string run(const std::string& commandLine) = 0;
   // Opens a file with the user's default application. Returns at once; failure is logged once.
   virtual void openFile(const std::string& path) = 0;
