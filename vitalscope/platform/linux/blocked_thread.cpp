@@ -40,6 +40,11 @@ SystemCallLine parseSystemCallLine(std::string_view text) {
   }
   const auto programCounter = takeHexadecimal(takeLastWord(text));
   const auto stackPointer = takeHexadecimal(takeLastWord(text));
+  for (std::size_t i = line.arguments.size(); i-- > 0 && text.find(' ') != std::string_view::npos;) {
+    const auto argument = takeHexadecimal(takeLastWord(text));
+    if (!argument) return {};
+    line.arguments[i] = *argument;
+  }
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), line.number);
   // A thread that has ended and is not yet gone has no stack.
   if (error != std::errc{} || !programCounter || !stackPointer || *stackPointer == 0) return {};

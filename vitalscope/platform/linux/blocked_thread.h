@@ -1,6 +1,7 @@
 // A thread that waits in the kernel, looked at without disturbing it.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -13,6 +14,7 @@ struct SystemCallLine {
   enum class State { running, blocked, unknown };
   State state = State::unknown;
   long number = -1;  // of the system call; -1 when the thread waits elsewhere (a page, a debugger's stop)
+  std::array<std::uint64_t, 6> arguments{};  // of the system call
   std::uint64_t stackPointer = 0;
   std::uint64_t programCounter = 0;
 

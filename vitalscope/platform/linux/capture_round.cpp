@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "vitalscope/platform/linux/blocked_thread.h"
+#include "vitalscope/platform/linux/call_restart.h"
 #include "vitalscope/platform/linux/proc_text.h"
 #include "vitalscope/platform/linux/process_identity.h"
 #include "vitalscope/platform/linux/safe_read.h"
@@ -58,12 +59,10 @@ Look takeBlocked(CapturedThread& item, Scratch scratch, bool whateverCanBeFound)
     registers.set(kStackPointer, line.stackPointer);
     const std::size_t size = safeRead(line.stackPointer, scratch.size(), scratch.data());
     const StackView stack{scratch.data(), line.stackPointer, size, readWord};
-    const bool done = unwindInto(item.chain, registers, stack, whateverCanBeFound);
+    const bool done =
+        unwindInto(item.chain, registers, stack, whateverCanBeFound || !waitSurvivesSignal(line));
     if (!thread.unmoved()) continue;
     if (!done) {
-      // A thread in sigwait() would take our signal for the one it waits for. One that is in the handler of
-      // another capture's signal has it blocked for a moment only, and has moved by then.
-      if (line.number == SYS_rt_sigtimedwait) return Look::outOfReach;
       const Reach reach = reachOf(item.thread);
       if (!thread.unmoved()) continue;
       return reach == Reach::bySignal ? Look::needsRegisters : Look::outOfReach;

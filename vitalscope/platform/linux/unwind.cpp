@@ -3,20 +3,15 @@
 #include <link.h>
 
 #include "vitalscope/platform/linux/loader_list.h"
+#include "vitalscope/platform/linux/lost_frame_pointer.h"
 #include "vitalscope/platform/linux/unwind_images.h"
 #include "vitalscope/platform/linux/unwind_program.h"
 #include "vitalscope/platform/linux/unwind_step.h"
+#include "vitalscope/platform/linux/unwind_walk.h"
 
 namespace qbv::linux_backend {
 
 namespace {
-
-struct Frames {
-  const StackView& stack;
-  ImageFinder find;
-  RowCache* cache;
-  std::uint32_t generation;
-};
 
 // A return address at which a function begins, with no code before it, was put there by hand: by makecontext,
 // at the bottom of a stack, or as a signal handler's way back.
@@ -46,14 +41,14 @@ StepStatus stepWithTables(const Frames& frames, std::uint64_t pc, bool innermost
   return stepCompact(compacted, frames.stack, state);
 }
 
-StepStatus step(const Frames& frames, bool innermost, WalkState& state) {
-  // A return address may be the first of another function, if the call never returns.
-  const std::uint64_t pc = state.registers.pc() - (state.exact ? 0U : 1U);
-  CompactRow row;
-  if (frames.cache != nullptr && frames.cache->find(pc, frames.generation, row)) {
-    return stepCompact(row, frames.stack, state);
-  }
-  return stepWithTables(frames, pc, innermost, state);
+// A frame pointer that the snapshot does not know may be found on the stack.
+StepStatus stepOrSearch(const Frames& frames, bool innermost, WalkState& state) {
+  const StepStatus status = stepFrame(frames, innermost, state);
+  if (status != StepStatus::needsRegister || state.missing != kFramePointer) return status;
+  const std::optional<std::uint64_t> found = findFramePointer(frames, innermost, state);
+  if (!found) return status;
+  state.give(kFramePointer, *found);
+  return stepFrame(frames, innermost, state);
 }
 
 WalkEnd endFor(StepStatus status) {
@@ -89,13 +84,23 @@ int walkHeld(dl_phdr_info* info, std::size_t, void* data) {
 
 }  // namespace
 
+StepStatus stepFrame(const Frames& frames, bool innermost, WalkState& state) {
+  // A return address may be the first of another function, if the call never returns.
+  const std::uint64_t pc = state.registers.pc() - (state.exact ? 0U : 1U);
+  CompactRow row;
+  if (frames.cache != nullptr && frames.cache->find(pc, frames.generation, row)) {
+    return stepCompact(row, frames.stack, state);
+  }
+  return stepWithTables(frames, pc, innermost, state);
+}
+
 Walk walkFrames(const Registers& registers, const StackView& stack, ImageFinder find, RowCache* cache,
                 std::uint32_t generation, std::uint64_t* returnAddresses, std::size_t max) {
   const Frames frames{stack, find, cache, generation};
   WalkState state(registers, stack);
   Walk walk;
   while (walk.count < max) {
-    const StepStatus status = step(frames, walk.count == 0, state);
+    const StepStatus status = stepOrSearch(frames, walk.count == 0, state);
     if (status != StepStatus::ok) {
       walk.end = endFor(status);
       walk.missing = state.missing;

@@ -1,0 +1,79 @@
+#include "vitalscope/platform/linux/frame_prologue.h"
+
+#include <algorithm>
+#include <cstring>
+#include <initializer_list>
+
+namespace qbv::linux_backend {
+
+namespace {
+
+constexpr std::size_t kMostCode = 2048;
+constexpr std::size_t kMostMoves = 12;
+constexpr std::uint64_t kLargest = 1 << 20;
+constexpr std::uint64_t kWord = 8;
+
+using Code = std::span<const std::uint8_t>;
+
+bool startsWith(Code code, std::initializer_list<std::uint8_t> pattern) {
+  return code.size() >= pattern.size() && std::equal(pattern.begin(), pattern.end(), code.begin());
+}
+
+// The signed number of one or four bytes behind an instruction's first bytes; 0 when it is cut off.
+std::int64_t byteAt(Code code, std::size_t at) {
+  return at < code.size() ? static_cast<std::int8_t>(code[at]) : 0;
+}
+std::int64_t numberAt(Code code, std::size_t at) {
+  std::int32_t number = 0;
+  if (code.size() < at + sizeof number) return 0;
+  std::memcpy(&number, code.data() + at, sizeof number);
+  return number;
+}
+
+// By how much the instruction that may begin here lowers the stack pointer; 0: it does not.
+std::int64_t lowering(Code code) {
+  if (startsWith(code, {0x48, 0x83, 0xec})) return byteAt(code, 3);           // sub rsp, n
+  if (startsWith(code, {0x48, 0x81, 0xec})) return numberAt(code, 3);         // sub rsp, n
+  if (startsWith(code, {0x48, 0x83, 0xc4})) return -byteAt(code, 3);          // add rsp, -n
+  if (startsWith(code, {0x48, 0x81, 0xc4})) return -numberAt(code, 3);        // add rsp, -n
+  if (startsWith(code, {0x48, 0x8d, 0x64, 0x24})) return -byteAt(code, 4);    // lea rsp, [rsp-n]
+  if (startsWith(code, {0x48, 0x8d, 0xa4, 0x24})) return -numberAt(code, 4);  // lea rsp, [rsp-n]
+  if (startsWith(code, {0x4c, 0x8d, 0x9c, 0x24})) return -numberAt(code, 4);  // lea r11, [rsp-n]: page
+  if (startsWith(code, {0x49, 0x89, 0xe3, 0x49, 0x81, 0xeb})) return numberAt(code, 6);  // by page to r11
+  return 0;
+}
+
+// A size and what a compiler may have pushed above it: the registers, and one word more to align the stack.
+void addWithPushes(FrameSizes& sizes, std::uint64_t size, std::uint64_t savedWords) {
+  sizes.add(size + savedWords * kWord);
+  sizes.add(size + savedWords * kWord + kWord);
+  sizes.add(size);
+}
+
+}  // namespace
+
+void FrameSizes::add(std::uint64_t size) {
+  if (size % kWord != 0 || size >= kLargest || count_ == kMost || std::find(begin(), end(), size) != end()) {
+    return;
+  }
+  sizes_[count_++] = size;
+}
+
+FrameSizes frameSizes(std::span<const std::uint8_t> code, std::uint64_t savedWords) {
+  code = code.first(std::min(code.size(), kMostCode));
+  FrameSizes sizes;
+  addWithPushes(sizes, 0, savedWords);
+  std::uint64_t sum = 0;
+  for (std::size_t at = 0, moves = 0; at < code.size() && moves < kMostMoves; ++at) {
+    const std::int64_t size = lowering(code.subspan(at));
+    if (size <= 0) continue;
+    ++moves;
+    addWithPushes(sizes, static_cast<std::uint64_t>(size), savedWords);
+    // Large frames are made in several moves.
+    sum += static_cast<std::uint64_t>(size);
+    addWithPushes(sizes, sum, savedWords);
+  }
+  return sizes;
+}
+
+}  // namespace qbv::linux_backend
