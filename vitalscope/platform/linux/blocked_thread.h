@@ -35,6 +35,9 @@ class BlockedThread {
   // for us.
   const SystemCallLine& look();
 
+  // The CPU time it had used just before the last look, in nanoseconds.
+  std::optional<std::uint64_t> cpuAtLook() const { return cpu_; }
+
   // Whether it has not run at all since the last look, which said that it is blocked: what was read of its
   // stack between is of one instant.
   bool unmoved();

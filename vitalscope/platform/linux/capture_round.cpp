@@ -4,6 +4,8 @@
 
 #include <array>
 #include <ctime>
+#include <optional>
+#include <string_view>
 
 #include "vitalscope/platform/linux/blocked_thread.h"
 #include "vitalscope/platform/linux/call_restart.h"
@@ -17,10 +19,15 @@ namespace qbv::linux_backend {
 
 namespace {
 
+constexpr std::uint64_t kMicrosecond = 1'000;
 constexpr std::uint64_t kMillisecond = 1'000'000;
-constexpr std::uint64_t kAnswerTime = 200 * kMillisecond;
+constexpr std::uint64_t kAnswerTime = 1000 * kMillisecond;
 constexpr std::uint64_t kAnswerTimeForEachOther = 20 * kMillisecond;
 constexpr std::uint64_t kMaskedTime = 50 * kMillisecond;
+// A thread that has worked this long without a pause is not about to begin one.
+constexpr std::uint64_t kAtWork = 50 * kMicrosecond;
+constexpr std::uint64_t kWatched = 200 * kMillisecond;
+constexpr std::uint64_t kWatchedWithoutNap = 200 * kMicrosecond;
 constexpr int kLooks = 8;
 
 using Scratch = std::span<std::byte, kFirstCopy>;
@@ -30,28 +37,32 @@ enum class Look { taken, running, needsRegisters, outOfReach, unknown };
 
 enum class Reach { bySignal, masked, ended };
 
-Reach reachOf(std::uint32_t thread) {
+struct Status {
+  Reach reach = Reach::ended;
+  std::uint64_t pauses = 0;  // how often it has begun to wait
+};
+
+Status statusOf(std::uint32_t thread) {
   const int signal = snapshotSignal();
   char text[4096];
   const std::string_view status = readThreadFile(thread, "status", text);
   const char state = stateOfStatus(status);
-  if (status.empty() || state == 'Z' || state == 'X') return Reach::ended;
-  return signal == 0 || statusBlocksSignal(status, signal).value_or(false) ? Reach::masked : Reach::bySignal;
+  if (status.empty() || state == 'Z' || state == 'X') return {};
+  const bool masked = signal == 0 || statusBlocksSignal(status, signal).value_or(false);
+  return {masked ? Reach::masked : Reach::bySignal, pausesOfStatus(status).value_or(0)};
 }
 
 // Another capture's signal struck it first, and it waits for the kernel while it copies its stack.
 bool inSnapshotHandler(std::uint32_t thread, const SystemCallLine& line) {
-  return line.number == SYS_process_vm_readv && reachOf(thread) == Reach::masked;
+  return line.number == SYS_process_vm_readv && statusOf(thread).reach == Reach::masked;
 }
 
 // What a look at a blocked thread yields: everything, or everything but some frames when the rest is wanted
-// no matter what.
-Look takeBlocked(CapturedThread& item, Scratch scratch, bool whateverCanBeFound) {
-  BlockedThread thread(item.thread);
+// no matter what, or when the signal that could fetch it would cut the wait short.
+Look takeBlocked(BlockedThread& thread, CapturedThread& item, Scratch scratch, bool whateverCanBeFound) {
   for (int look = 0; look < kLooks; ++look) {
     const SystemCallLine& line = thread.look();
-    // It may be on its way into a wait that our signal would cut short: a few microseconds tell.
-    if (line.state == SystemCallLine::State::running) continue;
+    if (line.state == SystemCallLine::State::running) return Look::running;
     if (line.state == SystemCallLine::State::unknown) return Look::unknown;
     if (!whateverCanBeFound && inSnapshotHandler(item.thread, line)) return Look::running;
     Registers registers;
@@ -63,7 +74,7 @@ Look takeBlocked(CapturedThread& item, Scratch scratch, bool whateverCanBeFound)
         unwindInto(item.chain, registers, stack, whateverCanBeFound || !waitSurvivesSignal(line));
     if (!thread.unmoved()) continue;
     if (!done) {
-      const Reach reach = reachOf(item.thread);
+      const Reach reach = statusOf(item.thread).reach;
       if (!thread.unmoved()) continue;
       return reach == Reach::bySignal ? Look::needsRegisters : Look::outOfReach;
     }
@@ -78,99 +89,168 @@ void napFor(std::uint64_t nanoseconds) {
   clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr);
 }
 
-// As many threads as slots could be had for.
+// A thread that cannot be read as it stands. When it runs it may be on its way into a wait that a signal
+// would cut short, so it is watched until it waits or has proved to be at work; only then it is signalled.
+class WatchedThread {
+ public:
+  bool isWatched() const { return stage_ == Stage::watched; }
+  bool isSignalled() const { return stage_ == Stage::signalled; }
+  bool isMasked() const { return stage_ == Stage::masked; }
+  bool isFinished() const { return stage_ == Stage::finished; }
+
+  // Looks at it for the first time, which is the only one for a thread that waits.
+  void begin(CapturedThread& item, Scratch scratch) {
+    item_ = &item;
+    thread_.emplace(item.thread);
+    stage_ = Stage::watched;
+    workedSince_.reset();
+    watch(scratch, false);
+  }
+
+  // One more look. overdue: it may not be at work, but has had its time.
+  void watch(Scratch scratch, bool overdue) {
+    switch (takeBlocked(*thread_, *item_, scratch, false)) {
+      case Look::taken:
+        return enter(Stage::finished);
+      case Look::outOfReach:
+        return takeWhatCanBeFound(scratch);
+      case Look::running:
+        if (mayBeSignalled(overdue)) signal();
+        return;
+      default:
+        status_ = statusOf(item_->thread);
+        return signal();
+    }
+  }
+
+  void collect(Scratch scratch, std::uint64_t deadline) {
+    if (!snapshot_.await(deadline)) return takeWhatCanBeFound(scratch);
+    unwindInto(item_->chain, snapshot_.registers(), snapshot_.stack(), true);
+    item_->outcome = KERN_SUCCESS;
+    snapshot_.release();
+    enter(Stage::finished);
+  }
+
+  // It can be seen only when it waits, unless it was just coming out of the handler of another capture.
+  void collectMasked(Scratch scratch, std::uint64_t deadline) {
+    for (; isMasked(); napFor(kMillisecond / 4)) {
+      const bool late = monotonicNow() >= deadline;
+      watch(scratch, true);
+      if (isSignalled()) return collect(scratch, monotonicNow() + kAnswerTime);
+      if (late) return takeWhatCanBeFound(scratch);
+    }
+  }
+
+  void takeWhatCanBeFound(Scratch scratch) {
+    for (int look = 0; look < kLooks; ++look) {
+      if (takeBlocked(*thread_, *item_, scratch, true) != Look::running) break;
+    }
+    enter(Stage::finished);
+  }
+
+ private:
+  enum class Stage { watched, signalled, masked, finished };
+
+  void enter(Stage stage) {
+    stage_ = stage;
+    if (stage == Stage::finished) thread_.reset();
+  }
+
+  // True when it was just seen running and has worked for a while without a pause. The file that counts
+  // pauses is slow to read, so it is read only when the time has come.
+  bool mayBeSignalled(bool overdue) {
+    const auto cpu = thread_->cpuAtLook();
+    if (!overdue && cpu && workedSince_ && *cpu < *workedSince_ + kAtWork) return false;
+    const std::uint64_t pauses = status_.pauses;
+    status_ = statusOf(item_->thread);
+    if (status_.reach != Reach::bySignal) return true;
+    const bool atWork = workedSince_ && pauses == status_.pauses;
+    workedSince_ = cpu;
+    return (overdue || atWork) && thread_->look().state == SystemCallLine::State::running;
+  }
+
+  // As its status says; it stays watched when every slot is in use.
+  void signal() {
+    if (status_.reach == Reach::ended) return enter(Stage::finished);
+    if (status_.reach == Reach::masked) return enter(Stage::masked);
+    const StackSnapshot::Request request = snapshot_.request(item_->thread);
+    if (request == StackSnapshot::Request::sent) enter(Stage::signalled);
+    if (request == StackSnapshot::Request::failed) enter(Stage::finished);
+  }
+
+  CapturedThread* item_ = nullptr;
+  Stage stage_ = Stage::finished;
+  std::optional<BlockedThread> thread_;
+  Status status_;
+  std::optional<std::uint64_t> workedSince_;  // CPU time
+  StackSnapshot snapshot_;
+};
+
+// As many threads as there are places for those that do not wait.
 class Round {
  public:
   explicit Round(Scratch scratch) : scratch_(scratch) {}
 
-  // Reads or signals threads from the front of the list; answers how many it dealt with, at least one.
+  // Reads threads from the front of the list, and keeps those that run; answers how many it has begun with.
   std::size_t start(std::span<CapturedThread> threads) {
-    std::size_t dealtWith = 0;
-    while (dealtWith < threads.size() && waitingCount_ < waiting_.size()) {
-      if (!startOne(threads[dealtWith])) break;
-      ++dealtWith;
+    std::size_t begun = 0;
+    while (begun < threads.size() && count_ < places_.size()) {
+      places_[count_].begin(threads[begun++], scratch_);
+      if (!places_[count_].isFinished()) ++count_;
     }
-    return dealtWith;
+    return begun;
   }
 
   void collect() {
+    watchAll();
     const std::uint64_t now = monotonicNow();
-    const std::uint64_t deadline = now + kAnswerTime + waitingCount_ * kAnswerTimeForEachOther;
-    for (std::size_t i = 0; i < waitingCount_; ++i) {
-      if (!waiting_[i].masked) collectSignalled(waiting_[i], deadline);
+    const std::uint64_t deadline = now + kAnswerTime + count_ * kAnswerTimeForEachOther;
+    for (WatchedThread& thread : places()) {
+      if (thread.isSignalled()) thread.collect(scratch_, deadline);
     }
-    for (std::size_t i = 0; i < waitingCount_; ++i) {
-      if (waiting_[i].masked) collectMasked(waiting_[i], now + kMaskedTime);
+    for (WatchedThread& thread : places()) {
+      if (thread.isMasked()) thread.collectMasked(scratch_, now + kMaskedTime);
+    }
+    for (WatchedThread& thread : places()) {
+      if (thread.isWatched()) collectLate(thread, monotonicNow() + kWatched);
     }
   }
 
  private:
-  struct Waiting {
-    CapturedThread* item = nullptr;
-    bool masked = false;
-    StackSnapshot snapshot;
-  };
+  std::span<WatchedThread> places() { return std::span(places_).first(count_); }
 
-  // False when there is no slot for it before some are given back.
-  bool startOne(CapturedThread& item) {
-    const Look look = takeBlocked(item, scratch_, false);
-    if (look == Look::taken) return true;
-    const Reach reach = reachOf(item.thread);
-    if (reach == Reach::ended) return true;
-    if (look == Look::outOfReach) {
-      takeBlocked(item, scratch_, true);
-      return true;
+  bool lookAtAll(bool overdue) {
+    bool someLeft = false;
+    for (WatchedThread& thread : places()) {
+      if (thread.isWatched()) thread.watch(scratch_, overdue);
+      someLeft = someLeft || thread.isWatched();
     }
-    Waiting& waiting = waiting_[waitingCount_];
-    waiting.item = &item;
-    waiting.masked = reach == Reach::masked;
-    return waiting.masked ? ++waitingCount_ != 0 : signal(waiting);
+    return someLeft;
   }
 
-  bool signal(Waiting& waiting) {
-    const std::uint64_t deadline = monotonicNow() + kAnswerTime;
-    for (;;) {
-      const StackSnapshot::Request request = waiting.snapshot.request(waiting.item->thread);
-      if (request == StackSnapshot::Request::sent) ++waitingCount_;
-      if (request != StackSnapshot::Request::noSlot) return true;
-      if (waitingCount_ != 0) return false;
-      // Others hold every slot; they give them back without waiting for anybody.
-      if (monotonicNow() >= deadline) return true;
-      napFor(kMillisecond);
+  void watchAll() {
+    const std::uint64_t begin = monotonicNow();
+    while (lookAtAll(false)) {
+      const std::uint64_t watched = monotonicNow() - begin;
+      if (watched >= kWatched) break;
+      if (watched >= kWatchedWithoutNap) napFor(kMillisecond / 8);
     }
+    lookAtAll(true);
   }
 
-  void collectSignalled(Waiting& waiting, std::uint64_t deadline) {
-    CapturedThread& item = *waiting.item;
-    if (waiting.snapshot.await(deadline)) {
-      unwindInto(item.chain, waiting.snapshot.registers(), waiting.snapshot.stack(), true);
-      item.outcome = KERN_SUCCESS;
-      waiting.snapshot.release();
-    } else {
-      takeBlocked(item, scratch_, true);
+  // Others held every slot; they give them back without waiting for anybody.
+  void collectLate(WatchedThread& thread, std::uint64_t deadline) {
+    for (; thread.isWatched() && monotonicNow() < deadline; napFor(kMillisecond)) {
+      thread.watch(scratch_, true);
     }
-  }
-
-  // It can be seen only when it waits, unless it was just coming out of the handler of another capture.
-  void collectMasked(Waiting& waiting, std::uint64_t deadline) {
-    CapturedThread& item = *waiting.item;
-    for (;;) {
-      const Look look = takeBlocked(item, scratch_, false);
-      if (look == Look::taken) return;
-      const Reach reach = reachOf(item.thread);
-      if (reach == Reach::ended) return;
-      if (look == Look::outOfReach || monotonicNow() >= deadline) break;
-      if (reach == Reach::bySignal && waiting.snapshot.request(item.thread) == StackSnapshot::Request::sent) {
-        return collectSignalled(waiting, monotonicNow() + kAnswerTime);
-      }
-      napFor(kMillisecond / 4);
-    }
-    takeBlocked(item, scratch_, true);
+    if (thread.isSignalled()) return thread.collect(scratch_, monotonicNow() + kAnswerTime);
+    if (thread.isMasked()) return thread.collectMasked(scratch_, monotonicNow() + kMaskedTime);
+    if (thread.isWatched()) thread.takeWhatCanBeFound(scratch_);
   }
 
   Scratch scratch_;
-  std::array<Waiting, kSlotCount> waiting_;
-  std::size_t waitingCount_ = 0;
+  std::array<WatchedThread, kSlotCount> places_;
+  std::size_t count_ = 0;
 };
 
 }  // namespace

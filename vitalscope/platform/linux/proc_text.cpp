@@ -78,6 +78,11 @@ char stateOfStatus(std::string_view text) {
   return value && !value->empty() ? value->front() : '?';
 }
 
+std::optional<std::uint64_t> pausesOfStatus(std::string_view text) {
+  const auto value = field(text, "voluntary_ctxt_switches");
+  return value ? number(*value) : std::nullopt;
+}
+
 int openThreadFile(std::uint32_t thread, const char* name) {
   char path[64];
   std::snprintf(path, sizeof path, "/proc/self/task/%u/%s", thread, name);

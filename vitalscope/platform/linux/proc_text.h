@@ -25,6 +25,9 @@ std::optional<bool> statusBlocksSignal(std::string_view text, int signal);
 // The letter of a status text's "State" line; '?' when it lacks one.
 char stateOfStatus(std::string_view text);
 
+// How often a thread has begun to wait, as a status text has it; nothing when it lacks that line.
+std::optional<std::uint64_t> pausesOfStatus(std::string_view text);
+
 // Reads /proc/self/task/THREAD/NAME into the buffer; empty when the thread is gone or the file may not be
 // read. Any thread, nothing from the heap.
 std::string_view readThreadFile(std::uint32_t thread, const char* name, std::span<char> buffer);

@@ -3,7 +3,7 @@
 #include <link.h>
 
 #include "vitalscope/platform/linux/loader_list.h"
-#include "vitalscope/platform/linux/lost_frame_pointer.h"
+#include "vitalscope/platform/linux/unwind_frame_pointer.h"
 #include "vitalscope/platform/linux/unwind_images.h"
 #include "vitalscope/platform/linux/unwind_program.h"
 #include "vitalscope/platform/linux/unwind_step.h"

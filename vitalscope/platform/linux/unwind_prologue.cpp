@@ -1,4 +1,4 @@
-#include "vitalscope/platform/linux/frame_prologue.h"
+#include "vitalscope/platform/linux/unwind_prologue.h"
 
 #include <algorithm>
 #include <cstring>
@@ -43,6 +43,27 @@ std::int64_t lowering(Code code) {
   return 0;
 }
 
+// sub rsp, register; mov rsp, register other than the frame pointer
+bool lowersByRegister(Code code) {
+  if (code.size() < 3 || (code[0] & 0xfbU) != 0x48 || (code[2] & 0xc7U) != 0xc4) return false;
+  const bool fromFramePointer = code[0] == 0x48 && code[2] == 0xec;
+  return code[1] == 0x29 || (code[1] == 0x89 && !fromFramePointer);
+}
+
+// The size that the first lowering behind "mov rbp, rsp" gives, or 0.
+std::uint64_t plainSize(Code code) {
+  std::size_t at = 0;
+  while (at < code.size() && !startsWith(code.subspan(at), {0x48, 0x89, 0xe5}) &&
+         !startsWith(code.subspan(at), {0x48, 0x8b, 0xec})) {
+    ++at;
+  }
+  for (; at < code.size(); ++at) {
+    const std::int64_t size = lowering(code.subspan(at));
+    if (size > 0) return static_cast<std::uint64_t>(size);
+  }
+  return 0;
+}
+
 // A size and what a compiler may have pushed above it: the registers, and one word more to align the stack.
 void addWithPushes(FrameSizes& sizes, std::uint64_t size, std::uint64_t savedWords) {
   sizes.add(size + savedWords * kWord);
@@ -62,9 +83,11 @@ void FrameSizes::add(std::uint64_t size) {
 FrameSizes frameSizes(std::span<const std::uint8_t> code, std::uint64_t savedWords) {
   code = code.first(std::min(code.size(), kMostCode));
   FrameSizes sizes;
+  sizes.add(plainSize(code) + savedWords * kWord);
   addWithPushes(sizes, 0, savedWords);
   std::uint64_t sum = 0;
   for (std::size_t at = 0, moves = 0; at < code.size() && moves < kMostMoves; ++at) {
+    sizes.grows = sizes.grows || lowersByRegister(code.subspan(at));
     const std::int64_t size = lowering(code.subspan(at));
     if (size <= 0) continue;
     ++moves;

@@ -8,10 +8,14 @@
 
 namespace qbv::linux_backend {
 
-// Distances from the stack pointer up to the frame pointer, in bytes; each may be the right one.
+// Distances from the stack pointer up to the frame pointer, in bytes; each may be the right one, and the first
+// is the one that a plain reading of the instructions gives.
 class FrameSizes {
  public:
   static constexpr std::size_t kMost = 48;
+
+  // An instruction that lowers the stack pointer by an amount not known before stands in the code.
+  bool grows = false;
 
   void add(std::uint64_t size);
   const std::uint64_t* begin() const { return sizes_.data(); }

@@ -1,4 +1,4 @@
-#include "vitalscope/platform/linux/call_site.h"
+#include "vitalscope/platform/linux/unwind_call_site.h"
 
 #include <algorithm>
 #include <array>
@@ -18,6 +18,10 @@ constexpr std::uint64_t kMostJumpSearch = 16 * 1024;
 
 std::uint64_t plus(std::uint64_t address, std::int32_t distance) {
   return address + static_cast<std::uint64_t>(std::int64_t{distance});
+}
+
+std::uint64_t nearTarget(std::uint64_t next, std::uint8_t distance) {
+  return plus(next, static_cast<std::int8_t>(distance));
 }
 
 std::int32_t numberAt(const std::uint8_t* code) {
@@ -57,6 +61,7 @@ std::uint64_t stubTarget(ImageFinder find, std::uint64_t stub) {
   if (!readCode(find, stub, code.data(), code.size())) return 0;
   std::size_t at = std::memcmp(code.data(), kMark, sizeof kMark) == 0 ? sizeof kMark : 0;
   if (code[at] == 0xf2) ++at;
+  if (code[at] == 0xeb) return nearTarget(stub + at + 2, code[at + 1]);
   if (code[at] == 0xe9) return plus(stub + at + 5, numberAt(&code[at + 1]));
   if (code[at] == 0xff && code[at + 1] == 0x25) {
     return slotValue(find, plus(stub + at + 6, numberAt(&code[at + 2])));
@@ -64,14 +69,17 @@ std::uint64_t stubTarget(ImageFinder find, std::uint64_t stub) {
   return 0;
 }
 
-// Whether a jump of the function around there goes to start. A chance hit is one in four thousand million.
+// Whether a jump of the function goes to start. Bytes that only look like one would have to name that very
+// address.
 bool jumpsTo(const UnwindImage& image, const Extent& function, std::uint64_t start) {
   const Extent readable = image.readableFrom(function.begin);
   const std::uint64_t size = std::min({function.size(), readable.size(), kMostJumpSearch});
   const auto* const code = reinterpret_cast<const std::uint8_t*>(function.begin);
-  for (std::uint64_t at = 0; at + 5 <= size; ++at) {
-    const bool jump = code[at] == 0xe9 || (at > 0 && code[at - 1] == 0x0f && (code[at] & 0xf0U) == 0x80);
-    if (jump && plus(function.begin + at + 5, numberAt(code + at + 1)) == start) return true;
+  for (std::uint64_t at = 0; at + 2 <= size; ++at) {
+    const std::uint64_t address = function.begin + at;
+    if (code[at] == 0xeb && nearTarget(address + 2, code[at + 1]) == start) return true;
+    const bool far = code[at] == 0xe9 || (at > 0 && code[at - 1] == 0x0f && (code[at] & 0xf0U) == 0x80);
+    if (far && at + 5 <= size && plus(address + 5, numberAt(code + at + 1)) == start) return true;
   }
   return false;
 }

@@ -1,10 +1,10 @@
-#include "vitalscope/platform/linux/lost_frame_pointer.h"
+#include "vitalscope/platform/linux/unwind_frame_pointer.h"
 
 #include <algorithm>
 
-#include "vitalscope/platform/linux/call_site.h"
-#include "vitalscope/platform/linux/frame_prologue.h"
+#include "vitalscope/platform/linux/unwind_call_site.h"
 #include "vitalscope/platform/linux/unwind_program.h"
+#include "vitalscope/platform/linux/unwind_prologue.h"
 
 namespace qbv::linux_backend {
 
@@ -92,11 +92,16 @@ bool mayBeRecord(const Target& target, std::uint64_t place) {
   return target.frames.stack.read(place + kWord, word) && word >= 0x1000 && target.frames.find(word, image);
 }
 
+// What an earlier call has left on the stack may look like the frame's record too, but it takes a frame that
+// grows for that to stand at the very place where a plain reading of the code puts the record.
 Only amongKnownSizes(const Target& target) {
   Only only;
-  for (const std::uint64_t size : frameSizes(target.code, target.savedWords)) {
+  const FrameSizes sizes = frameSizes(target.code, target.savedWords);
+  for (const std::uint64_t& size : sizes) {
     const std::uint64_t place = target.state.registers.sp() + size;
-    if (mayBeRecord(target, place) && counts(target, place, Trust::anyCall)) only.add(place);
+    if (!mayBeRecord(target, place) || !counts(target, place, Trust::anyCall)) continue;
+    only.add(place);
+    if (&size == sizes.begin() && !sizes.grows) return only;
   }
   return only;
 }
