@@ -36,6 +36,8 @@ inline constexpr char kInternalAccount[] = "internalAccount";  // and is one who
 inline constexpr char kKeepsLogs[] = "keepsLogs";              // all monitors run, not only the hang monitor
 inline constexpr char kActive[] = "active";                    // the application is in front
 inline constexpr char kActivitySource[] = "activitySource";    // who says so: "window manager" or "always"
+inline constexpr char kMainLoop[] =
+    "mainLoop";  // "GLib", "descriptor" (the application polls it), "own loop"
 inline constexpr char kMainLoopSeconds[] = "mainLoopSeconds";  // since its main loop's first pass was seen
 inline constexpr char kAwake[] = "awake";                      // false while the machine goes to sleep
 inline constexpr char kWatchingMainThread[] = "watchingMainThread";  // the hang monitor ticks

@@ -56,6 +56,7 @@ Value StandIn::status() const {
                           {control::kKeepsLogs, QBVTool::isLogVersion()},
                           {control::kActive, active_.load()},
                           {control::kActivitySource, activitySource_.load()},
+                          {control::kMainLoop, platform().runLoop.mainLoopKind()},
                           {control::kMainLoopSeconds, sinceLoop},
                           {control::kDiagnosticFolder, diagnosticFolder()}};
   if (internal) addHangMonitor(facts);

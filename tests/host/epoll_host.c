@@ -95,6 +95,11 @@ static int threads(void) {
   return count;
 }
 
+static int dlopenIsFrom(const char* name) {
+  Dl_info info;
+  return dladdr(dlsym(RTLD_DEFAULT, "dlopen"), &info) != 0 && strstr(info.dli_fname, name) != NULL;
+}
+
 static int obey(char* line) {
   char* const argument = strchr(line, ' ') != NULL ? strchr(line, ' ') + 1 : line;
   if (strncmp(line, "turn ", 5) == 0)
@@ -109,6 +114,8 @@ static int obey(char* line) {
     return system(argument) == 0;
   else if (strncmp(line, "threads ", 8) == 0)
     return threads() == atoi(argument);
+  else if (strncmp(line, "dlopen-from ", 12) == 0)
+    return dlopenIsFrom(argument);
   else
     return 0;
   return 1;

@@ -94,6 +94,7 @@ TEST_F(StandIn, SignsInAtTheFirstPassOfTheLoop) {
   EXPECT_EQ(facts[qbv::control::kProcessId].longLongValue(), host.pid());
   EXPECT_EQ(*facts[qbv::control::kExecutable].string(), "epoll_host");
   EXPECT_EQ(*facts[qbv::control::kDiagnosticFolder].string(), host.diagnosticRoot().string());
+  EXPECT_EQ(*facts[qbv::control::kMainLoop].string(), "descriptor");
   EXPECT_TRUE(facts[qbv::control::kSignedIn].boolValue());
   EXPECT_TRUE(facts[qbv::control::kInternalAccount].boolValue());
   EXPECT_TRUE(facts[qbv::control::kKeepsLogs].boolValue());
@@ -207,6 +208,13 @@ TEST_F(StandIn, ChildrenOfTheHostStayInert) {
   EXPECT_THAT(qbv::control::listeningProcesses(), testing::ElementsAre(host.pid()));
   EXPECT_EQ(host.exitStatus(), 0);
   EXPECT_TRUE(fs::is_empty(runtime_.path() / "quibvitalscope"));
+}
+
+TEST_F(StandIn, PreloadedAloneItBringsThePlatformInFrontOfTheCLibrary) {
+  HostProcess host = preloaded();
+  host.tell({"dlopen-from libquibplatform"});
+  EXPECT_TRUE(host.finished());
+  EXPECT_EQ(host.exitStatus(), 0);
 }
 
 struct Outcome {
