@@ -1,6 +1,8 @@
 #include "vitalscope/control/load.h"
 
 #include "vitalscope/control/QBVitalscope.h"
+#include "vitalscope/memory/QBAllocateMemoryMonitor.h"
+#include "vitalscope/memory/QBObjectAllocMonitor.h"
 #include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
 #include "vitalscope/probes/QBVitalscopeBacktrace.h"
 #include "vitalscope/report/QBVReportSources.h"
@@ -12,6 +14,8 @@ namespace {
 // What reports tell about the monitors above them.
 QBVReportSources sources() {
   QBVReportSources sources;
+  sources.currentAllocMemoryLiveCount = QBAllocateMemoryMonitor::currentAllocMemoryLiveCount;
+  sources.currentOcObjectLiveCount = NSObject_AllocMonitor::currentOcObjectLiveCount;
   sources.inOneHourMemoryUsageRecords = [] {
     return QBVitalscopeMemoryMonitor::sharedInstance()->inOneHourMemoryUsageRecords();
   };
@@ -24,6 +28,7 @@ void load() {
   setReportSources(sources());
   QBVitalscope::load();
   QBVitalscopeBacktrace::load();
+  NSObject_AllocMonitor::load();
 }
 
 }  // namespace qbv

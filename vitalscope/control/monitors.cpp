@@ -5,6 +5,7 @@
 
 #include "vitalscope/control/QBVTool.h"
 #include "vitalscope/hang/QBVitalscopeANRMonitor.h"
+#include "vitalscope/memory/QBAllocateMemoryMonitor.h"
 #include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
 #include "vitalscope/report/QBVitalscopeReport.h"
 
@@ -31,6 +32,8 @@ std::span<const Monitor> monitors() {
   static constexpr std::array table = {
       Monitor{"main thread", false, [] { QBVitalscopeANRMonitor::sharedInstance()->start(); },
               [] { QBVitalscopeANRMonitor::sharedInstance()->stop(); }},
+      Monitor{"allocations", true, [] { QBAllocateMemoryMonitor::sharedInstance()->startMonitor(); },
+              [] { QBAllocateMemoryMonitor::sharedInstance()->stop(); }},
       Monitor{"memory", true, [] { QBVitalscopeMemoryMonitor::sharedInstance()->start(); },
               [] { QBVitalscopeMemoryMonitor::sharedInstance()->stop(); }},
       Monitor{"host log folder", true, [] { QBVitalscopeReport::sharedInstance()->cleanLogFile(); }, nullptr},

@@ -11,4 +11,9 @@ namespace qbv {
 // first. A forked child keeps its parent's answer (it is inert for another reason). Any thread.
 QBV_EXPORT bool monitoredProcess() noexcept;
 
+// True in a child that was forked after platform() was first asked for and has called no exec: no thread of
+// this library exists there, and locks may be held by threads that do not. Nothing may report there. One
+// load; any thread, async-signal-safe.
+QBV_EXPORT bool forkedChild() noexcept;
+
 }  // namespace qbv

@@ -13,9 +13,11 @@ namespace qbv {
 struct objc_object;
 struct objc_class;
 struct objc_selector;
+struct objc_method;
 using id = objc_object*;           // an instance or a class; null is nil
 using Class = objc_class*;         // usable as id by classObject()
 using SEL = const objc_selector*;  // interned: equal names are equal pointers
+using Method = objc_method*;       // one class's method of one selector
 using IMP = void (*)();            // really R (*)(id self, SEL _cmd, arguments…)
 
 // Any thread. Classes, selectors and methods are never removed. Names are copied.
@@ -36,8 +38,18 @@ class QBV_EXPORT Runtime {
   // argument).
   virtual void addInstanceMethod(Class cls, SEL selector, IMP implementation, const char* types) = 0;
   virtual void addClassMethod(Class cls, SEL selector, IMP implementation, const char* types) = 0;
-  // A new instance without fields; it lives for ever.
+  // A new instance without fields; it lives for ever, whatever is sent to it. One that can be given back
+  // comes from the class methods "alloc" and "allocWithZone:" of the root class "NSObject", and goes by its
+  // method "dealloc".
   virtual id createInstance(Class cls) = 0;
+
+  // The method that an instance of the class, or the class itself, would find; null when there is none.
+  virtual Method class_getInstanceMethod(Class cls, SEL selector) = 0;
+  virtual Method class_getClassMethod(Class cls, SEL selector) = 0;
+  // From now on each does what the other did, with the other's encoding. A message sent meanwhile on another
+  // thread finds either. Null changes nothing.
+  virtual void method_exchangeImplementations(Method one, Method other) = 0;
+  virtual IMP method_getImplementation(Method method) = 0;  // null for null
 
   static id classObject(Class cls) noexcept { return reinterpret_cast<id>(cls); }
 
@@ -49,27 +61,29 @@ class QBV_EXPORT Runtime {
 
 namespace detail {
 template <class T>
-constexpr char typeEncoding() {
+constexpr const char* typeEncoding() {
   if constexpr (std::is_void_v<T>)
-    return 'v';
+    return "v";
+  else if constexpr (std::is_same_v<T, void*>)
+    return "^v";
   else if constexpr (std::is_same_v<T, bool>)
-    return 'B';
+    return "B";
   else if constexpr (std::is_same_v<T, id>)
-    return '@';
+    return "@";
   else if constexpr (std::is_same_v<T, const char*>)
-    return '*';
+    return "*";
   else if constexpr (std::is_same_v<T, int>)
-    return 'i';
+    return "i";
   else if constexpr (std::is_same_v<T, std::int64_t>)
-    return 'q';
+    return "q";
   else if constexpr (std::is_same_v<T, double>)
-    return 'd';
+    return "d";
   else
     static_assert(sizeof(T) == 0, "no encoding for this type");
 }
 template <class R, class... Args>
 std::string methodEncoding() {
-  return std::string{typeEncoding<R>(), '@', ':', typeEncoding<Args>()...};
+  return (std::string(typeEncoding<R>()) + "@:" + ... + typeEncoding<Args>());
 }
 QBV_EXPORT bool encodingsMatch(const char* present, const std::string& wanted) noexcept;
 }  // namespace detail

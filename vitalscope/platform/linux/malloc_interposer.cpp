@@ -43,30 +43,35 @@ constinit const char heapName[] = "DefaultMallocZone";
   return reinterpret_cast<std::uintptr_t>(pointer);
 }
 
-// Always inline: the event's function is then the one frame between its caller and the logger.
 [[gnu::always_inline]] inline void tell(malloc_logger_t* log, std::uint32_t type, std::uintptr_t argument2,
                                         std::uintptr_t argument3, std::uintptr_t result) {
   log(type, word(heapName), argument2, argument3, result, 1);
 }
 
-// Without a logger the call goes straight on. What fails is not told.
-template <class Allocate>
-[[gnu::always_inline]] inline void* told(std::uint32_t type, std::size_t size, Allocate allocate) {
-  malloc_logger_t* const log = logger();
-  if (log == nullptr) return allocate();
-  void* const block = allocate();
+template <auto allocate, class... Arguments>
+[[gnu::noinline]] void* allocateAndTell(malloc_logger_t* log, std::uint32_t type, std::size_t size,
+                                        Arguments... arguments) {
+  void* const block = allocate(arguments...);
   if (block != nullptr) tell(log, type, size, 0, word(block));
   return block;
 }
 
-[[gnu::always_inline]] inline void freeTold(void* block) {
+// Without a logger this is a jump to the C library, with one a jump to the function above: either way there
+// is one frame between an event's caller and the logger.
+template <auto allocate, class... Arguments>
+[[gnu::always_inline]] inline void* told(std::uint32_t type, std::size_t size, Arguments... arguments) {
   malloc_logger_t* const log = logger();
-  if (log != nullptr && block != nullptr) tell(log, kFree, word(block), 0, 0);
+  if (log == nullptr) return allocate(arguments...);
+  return allocateAndTell<allocate>(log, type, size, arguments...);
+}
+
+[[gnu::noinline]] void tellAndFree(malloc_logger_t* log, void* block) {
+  if (block != nullptr) tell(log, kFree, word(block), 0, 0);
   __libc_free(block);
 }
 
 [[gnu::always_inline]] inline void* reallocTold(void* block, std::size_t size) {
-  if (block == nullptr) return told(kAllocation, size, [=] { return __libc_malloc(size); });
+  if (block == nullptr) return told<__libc_malloc>(kAllocation, size, size);
   malloc_logger_t* const log = logger();
   if (log == nullptr) return __libc_realloc(block, size);
   if (size == 0) {
@@ -84,12 +89,12 @@ template <class Allocate>
 extern "C" {
 
 QBV_EXPORT void* malloc(std::size_t size) noexcept {
-  return told(kAllocation, size, [=] { return __libc_malloc(size); });
+  return told<__libc_malloc>(kAllocation, size, size);
 }
 
 QBV_EXPORT void* calloc(std::size_t count, std::size_t size) noexcept {
   // A product that does not fit fails, and is not told.
-  return told(kCleared, count * size, [=] { return __libc_calloc(count, size); });
+  return told<__libc_calloc>(kCleared, count * size, count, size);
 }
 
 QBV_EXPORT void* realloc(void* block, std::size_t size) noexcept {
@@ -106,32 +111,34 @@ QBV_EXPORT void* reallocarray(void* block, std::size_t count, std::size_t size) 
 }
 
 QBV_EXPORT void free(void* block) noexcept {
-  freeTold(block);
+  malloc_logger_t* const log = logger();
+  if (log == nullptr) return __libc_free(block);
+  tellAndFree(log, block);
 }
 
 QBV_EXPORT int posix_memalign(void** block, std::size_t alignment, std::size_t size) noexcept {
   const bool powerOfTwo = alignment != 0 && (alignment & (alignment - 1)) == 0;
   if (!powerOfTwo || alignment < sizeof(void*)) return EINVAL;
-  void* const made = told(kAllocation, size, [=] { return __libc_memalign(alignment, size); });
+  void* const made = told<__libc_memalign>(kAllocation, size, alignment, size);
   if (made == nullptr) return ENOMEM;
   *block = made;
   return 0;
 }
 
 QBV_EXPORT void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
-  return told(kAllocation, size, [=] { return __libc_memalign(alignment, size); });
+  return told<__libc_memalign>(kAllocation, size, alignment, size);
 }
 
 QBV_EXPORT void* memalign(std::size_t alignment, std::size_t size) noexcept {
-  return told(kAllocation, size, [=] { return __libc_memalign(alignment, size); });
+  return told<__libc_memalign>(kAllocation, size, alignment, size);
 }
 
 QBV_EXPORT void* valloc(std::size_t size) noexcept {
-  return told(kAllocation, size, [=] { return __libc_valloc(size); });
+  return told<__libc_valloc>(kAllocation, size, size);
 }
 
 QBV_EXPORT void* pvalloc(std::size_t size) noexcept {
-  return told(kAllocation, size, [=] { return __libc_pvalloc(size); });
+  return told<__libc_pvalloc>(kAllocation, size, size);
 }
 
 // Where this library's own malloc is, whoever's the process uses.

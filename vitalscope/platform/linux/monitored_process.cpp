@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "vitalscope/platform/linux/fork_guard.h"
+
 namespace qbv {
 
 namespace {
@@ -24,6 +26,10 @@ bool isTarget() noexcept {
 bool monitoredProcess() noexcept {
   static const bool answer = isTarget();
   return answer;
+}
+
+bool forkedChild() noexcept {
+  return linux_backend::isForkedChild();
 }
 
 }  // namespace qbv

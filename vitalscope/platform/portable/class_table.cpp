@@ -21,8 +21,11 @@ const objc_method* findMethod(Class cls, SEL selector) noexcept {
 }  // namespace
 
 ClassTable::ClassTable() {
-  const std::lock_guard lock(mutex_);
-  makeClass(kRootName, nullptr);
+  {
+    const std::lock_guard lock(mutex_);
+    makeClass(kRootName, nullptr);
+  }
+  defineRootMethods();
 }
 
 ClassTable::~ClassTable() = default;
@@ -101,7 +104,27 @@ void ClassTable::addMethod(Class cls, SEL selector, IMP implementation, const ch
 id ClassTable::createInstance(Class cls) {
   if (cls == nullptr) return nullptr;
   const std::lock_guard lock(mutex_);
-  return &instances_.emplace_back(objc_object{cls});
+  return &instances_.emplace_back(InstanceBox{InstanceBox::Origin::table, {cls}}).object;
+}
+
+Method ClassTable::class_getInstanceMethod(Class cls, SEL selector) {
+  return const_cast<Method>(findMethod(cls, selector));
+}
+
+Method ClassTable::class_getClassMethod(Class cls, SEL selector) {
+  return cls == nullptr ? nullptr : class_getInstanceMethod(cls->isa, selector);
+}
+
+void ClassTable::method_exchangeImplementations(Method one, Method other) {
+  if (one == nullptr || other == nullptr) return;
+  const std::lock_guard lock(mutex_);
+  const MethodBody* const body = one->body.load(std::memory_order_relaxed);
+  one->body.store(other->body.load(std::memory_order_relaxed), std::memory_order_release);
+  other->body.store(body, std::memory_order_release);
+}
+
+IMP ClassTable::method_getImplementation(Method method) {
+  return method == nullptr ? nullptr : method->body.load(std::memory_order_acquire)->implementation;
 }
 
 bool ClassTable::respondsToSelector(id receiver, SEL selector) {

@@ -20,6 +20,12 @@ struct objc_object {
   objc_class* isa;
 };
 
+// An instance and, before it, where its memory is from.
+struct InstanceBox {
+  enum class Origin : std::uintptr_t { table, heap } origin;
+  objc_object object;
+};
+
 struct objc_selector {
   const char* name;
 };
@@ -44,7 +50,7 @@ struct objc_class : objc_object {
 };
 
 // Look-ups of methods take no lock; those of names take a shared one. Nothing is removed or freed before the
-// table itself, and instances not before that either.
+// table itself, and instances of createInstance not before that either.
 class QBV_EXPORT ClassTable final : public Runtime {
  public:
   ClassTable();
@@ -58,10 +64,15 @@ class QBV_EXPORT ClassTable final : public Runtime {
   void addInstanceMethod(Class cls, SEL selector, IMP implementation, const char* types) override;
   void addClassMethod(Class cls, SEL selector, IMP implementation, const char* types) override;
   id createInstance(Class cls) override;
+  Method class_getInstanceMethod(Class cls, SEL selector) override;
+  Method class_getClassMethod(Class cls, SEL selector) override;
+  void method_exchangeImplementations(Method one, Method other) override;
+  IMP method_getImplementation(Method method) override;
   bool respondsToSelector(id receiver, SEL selector) override;
   IMP methodForSelector(id receiver, SEL selector, const char** types) override;
 
  private:
+  void defineRootMethods();
   Class makeClass(const char* name, Class superclass);
   void addMethod(Class cls, SEL selector, IMP implementation, const char* types);
 
@@ -71,7 +82,7 @@ class QBV_EXPORT ClassTable final : public Runtime {
   std::deque<objc_class> classes_;
   std::deque<objc_method> methods_;
   std::deque<MethodBody> bodies_;
-  std::deque<objc_object> instances_;
+  std::deque<InstanceBox> instances_;
   std::map<std::string_view, SEL> selectorOfName_;
   std::map<std::string_view, Class> classOfName_;
 };
