@@ -1,0 +1,193 @@
+#include "tools/leaks/heap_check.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <fstream>
+#include <optional>
+
+#include "tools/leaks/leak_report.h"
+#include "tools/leaks/process_reader.h"
+#include "tools/tracer/tracer.h"
+
+namespace leaks {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kMostStops = 200;     // until one finds no thread inside the allocator
+constexpr int kMostSnapshots = 10;  // until one is consistent
+constexpr std::chrono::milliseconds kBetweenStops{3};
+constexpr std::chrono::milliseconds kBetweenPasses{10};
+
+// The tracer takes these itself, so that the target is never left stopped by our end.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP}) sigaddset(&blocked, signal);
+    sigprocmask(SIG_BLOCK, &blocked, &before_);
+  }
+  ~SignalsBlocked() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before_{};
+};
+
+std::string firstLine(const std::string& path) {
+  std::ifstream file(path);
+  std::string line;
+  std::getline(file, line);
+  return line;
+}
+
+std::string linkTarget(const std::string& path) {
+  char target[4096];
+  const ssize_t length = readlink(path.c_str(), target, sizeof target);
+  return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : "";
+}
+
+std::string localDate() {
+  const std::time_t now = std::time(nullptr);
+  std::tm fields{};
+  localtime_r(&now, &fields);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &fields);
+  return text;
+}
+
+class Check {
+ public:
+  Check(pid_t process, bool isWhole) : process_(process), reader_(process) { report_.isWhole = isWhole; }
+
+  std::string run(std::string& text) {
+    if (std::string failure = recognise(); !failure.empty()) return failure;
+    if (std::string failure = pass(); !failure.empty()) return failure;
+    if (!report_.analysis.leaked.empty()) {
+      const Analysis first = report_.analysis;
+      usleep(std::chrono::microseconds(kBetweenPasses).count());
+      if (std::string failure = pass(); !failure.empty()) return failure;
+      report_.analysis = agreed(first, std::move(report_.analysis));
+    }
+    text = renderLeaks(report_, snapshot_);
+    return "";
+  }
+
+ private:
+  // While the process runs: who it is, and whether its heap can be read at all.
+  std::string recognise() {
+    const std::string folder = "/proc/" + std::to_string(process_);
+    report_.processId = static_cast<std::uint32_t>(process_);
+    report_.process = firstLine(folder + "/comm");
+    report_.executable = linkTarget(folder + "/exe");
+    report_.date = localDate();
+    {
+      const SignalsBlocked blocked;
+      tracer::Tracer tracer(process_);
+      if (std::string failure = tracer.attach(); !failure.empty()) return failure;
+    }
+    const std::vector<Mapping> mappings = mappingsOf(process_);
+    if (const std::string other = foreignAllocator(mappings); !other.empty())
+      return "the program's blocks come from " + other + ", whose heap is not recognised";
+    const std::string library = libraryPath(mappings);
+    if (library.empty()) return "the program uses no C library whose heap is recognised";
+    const std::string version = libraryVersion(process_, mappings, library);
+    if (!isKnownVersion(version))
+      return "the heap's layout of C library version " + (version.empty() ? "?" : version) +
+             " is not recognised";
+    report_.library = "glibc " + version;
+    return "";
+  }
+
+  static bool isKnownVersion(const std::string& version) {
+    constexpr int kFirst = 32;
+    constexpr int kLast = 41;
+    if (!version.starts_with("2.")) return false;
+    const int minor = std::atoi(version.c_str() + 2);
+    return minor >= kFirst && minor <= kLast;
+  }
+
+  std::string pass() {
+    for (int attempt = 1;; ++attempt) {
+      if (std::string failure = takeSnapshot(); !failure.empty()) return failure;
+      report_.analysis = analyse(snapshot_);
+      const HeapFailure& failure = report_.analysis.failure;
+      if (!failure) return "";
+      // A thread caught inside the allocator leaves the heap half changed for a moment.
+      if (failure.kind == HeapFailure::Kind::noHeap || attempt == kMostSnapshots) return failure.reason;
+      report_.stoppedMilliseconds.pop_back();
+      usleep(std::chrono::microseconds(kBetweenStops).count());
+    }
+  }
+
+  std::string takeSnapshot() {
+    for (int stop = 0; stop < kMostStops; ++stop) {
+      if (std::string failure = reader_.prepare(); !failure.empty()) return failure;
+      const std::vector<Address> locks = arenaLocks();
+      const SignalsBlocked blocked;
+      tracer::Tracer tracer(process_);
+      if (std::string failure = tracer.attach(); !failure.empty()) return failure;
+      const auto begin = Clock::now();
+      std::vector<Thread> threads;
+      for (const pid_t thread : tracer.stopAll()) threads.push_back(readThread(thread));
+      if (threads.empty()) return "the process has ended";
+      const bool isCopied = !isAnyHeld(locks) && reader_.copy(std::move(threads), snapshot_);
+      tracer.detach();
+      const std::chrono::duration<double, std::milli> length = Clock::now() - begin;
+      if (isCopied) {
+        report_.stoppedMilliseconds.push_back(length.count());
+        return "";
+      }
+      usleep(std::chrono::microseconds(kBetweenStops).count());
+    }
+    return "the heap cannot be read: a thread was inside the allocator at every attempt";
+  }
+
+  // Where the arenas' locks are, as far as can be told while the process runs.
+  std::vector<Address> arenaLocks() const {
+    constexpr std::size_t kMostArenas = 4096;
+    std::vector<Address> locks;
+    const std::vector<Mapping> mappings = mappingsOf(process_);
+    for (const Range& range : libraryData(mappings, libraryPath(mappings))) {
+      std::vector<std::byte> bytes(static_cast<std::size_t>(range.size()));
+      if (!readMemory(process_, range.begin, bytes.data(), bytes.size())) continue;
+      const Address main = likelyMainArena({range.begin, bytes.data(), bytes.size()});
+      for (Address at = main; at != 0 && locks.size() < kMostArenas;) {
+        locks.push_back(at + layout::kArenaLock);
+        Address next = 0;
+        if (!readMemory(process_, at + layout::kArenaNext, &next, sizeof next) || next == main) break;
+        at = next;
+      }
+    }
+    return locks;
+  }
+
+  bool isAnyHeld(const std::vector<Address>& locks) const {
+    for (const Address lock : locks) {
+      std::uint32_t value = 0;
+      if (readMemory(process_, lock, &value, sizeof value) && value != 0) return true;
+    }
+    return false;
+  }
+
+  pid_t process_;
+  ProcessReader reader_;
+  Snapshot snapshot_;
+  LeakReport report_;
+};
+
+}  // namespace
+
+CheckResult checkProcess(pid_t process, bool isWhole) {
+  CheckResult result;
+  result.failure = Check(process, isWhole).run(result.text);
+  return result;
+}
+
+}  // namespace leaks

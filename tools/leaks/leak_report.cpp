@@ -1,0 +1,153 @@
+#include "tools/leaks/leak_report.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+
+namespace leaks {
+
+namespace {
+
+constexpr std::size_t kMostGroups = 60;
+constexpr std::size_t kMostBlocks = 100;
+constexpr std::size_t kShownBytes = 32;
+constexpr std::size_t kBytesInLine = 16;
+
+[[gnu::format(printf, 2, 3)]] void append(std::string& text, const char* format, ...) {
+  char line[512];
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = std::vsnprintf(line, sizeof line, format, arguments);
+  va_end(arguments);
+  if (length > 0) text.append(line, std::min<std::size_t>(static_cast<std::size_t>(length), sizeof line - 1));
+}
+
+// Objects with virtual functions begin with the address of their class's table, which tells their kind.
+std::string kindOf(const Memory& memory, const LeakedBlock& block) {
+  const auto first = memory.word(block.address);
+  const Mapping* const mapping = first ? memory.mappingOf(*first) : nullptr;
+  if (mapping == nullptr || mapping->anonymous || mapping->name.empty() || *first % 8 != 0) return "";
+  Address base = mapping->range.begin;
+  for (const Mapping& other : memory.snapshot().mappings)
+    if (other.name == mapping->name) {
+      base = other.range.begin;
+      break;
+    }
+  char offset[32];
+  std::snprintf(offset, sizeof offset, "+0x%" PRIx64, *first - base);
+  return mapping->name.substr(mapping->name.rfind('/') + 1) + offset;
+}
+
+void appendHeader(std::string& text, const LeakReport& report) {
+  const HeapTotals& totals = report.analysis.totals;
+  append(text, "Process:         %s [%u]\n", report.process.c_str(), report.processId);
+  text += "Path:            " + report.executable + "\n";
+  append(text, "Date:            %s\n", report.date.c_str());
+  append(text, "C library:       %s\n", report.library.c_str());
+  append(text,
+         "Method:          blocks that no pointer leads to, in a copy of the process's memory; without "
+         "the stacks that allocated them\n");
+  append(text, "Heap:            %zu blocks in use, %" PRIu64 " bytes, %zu arena%s, %zu mapped blocks\n",
+         totals.blocks, totals.bytes, totals.arenas, totals.arenas == 1 ? "" : "s", totals.mappedBlocks);
+  append(text, "Stopped:        ");
+  for (const double milliseconds : report.stoppedMilliseconds) append(text, " %.1f ms", milliseconds);
+  text += report.stoppedMilliseconds.size() > 1 ? "; listed is what every pass found\n" : "\n";
+  if (!report.note.empty()) text += "Note:            " + report.note + "\n";
+}
+
+struct Group {
+  Address size = 0;
+  std::string kind;
+  std::size_t count = 0;
+  std::size_t roots = 0;
+};
+
+std::vector<Group> groupsOf(const Memory& memory, const std::vector<LeakedBlock>& leaked) {
+  std::map<std::pair<Address, std::string>, Group> byKind;
+  for (const LeakedBlock& block : leaked) {
+    std::string kind = kindOf(memory, block);
+    Group& group = byKind[{block.size, kind}];
+    group.size = block.size;
+    group.kind = std::move(kind);
+    ++group.count;
+    group.roots += block.isRoot ? 1 : 0;
+  }
+  std::vector<Group> groups;
+  for (auto& [key, group] : byKind) groups.push_back(std::move(group));
+  std::stable_sort(groups.begin(), groups.end(),
+                   [](const Group& a, const Group& b) { return a.count * a.size > b.count * b.size; });
+  return groups;
+}
+
+void appendGroups(std::string& text, const std::vector<Group>& groups) {
+  text += "\nGroups by size and kind, most bytes first:\n";
+  append(text, "%10s %14s %12s %10s  %s\n", "blocks", "bytes", "block size", "roots", "first word");
+  for (std::size_t i = 0; i < groups.size() && i < kMostGroups; ++i) {
+    const Group& group = groups[i];
+    append(text, "%10zu %14" PRIu64 " %12" PRIu64 " %10zu  %s\n", group.count, group.count * group.size,
+           group.size, group.roots, group.kind.c_str());
+  }
+  if (groups.size() > kMostGroups) append(text, "... and %zu more groups\n", groups.size() - kMostGroups);
+}
+
+void appendContent(std::string& text, const Memory& memory, const LeakedBlock& block) {
+  const auto bytes =
+      memory.bytes(block.address, static_cast<std::size_t>(std::min<Address>(block.size, kShownBytes)));
+  for (std::size_t at = 0; at < bytes.size(); at += kBytesInLine) {
+    const std::size_t end = std::min(bytes.size(), at + kBytesInLine);
+    append(text, "    %04zx ", at);
+    for (std::size_t i = at; i < at + kBytesInLine; ++i) {
+      if (i < end)
+        append(text, " %02x", std::to_integer<unsigned>(bytes[i]));
+      else
+        text += "   ";
+    }
+    text += "  |";
+    for (std::size_t i = at; i < end; ++i) {
+      const auto byte = std::to_integer<unsigned char>(bytes[i]);
+      text += byte >= 0x20 && byte < 0x7f ? static_cast<char>(byte) : '.';
+    }
+    text += "|\n";
+  }
+}
+
+void appendBlocks(std::string& text, const Memory& memory, std::vector<LeakedBlock> leaked, bool isWhole) {
+  if (!isWhole) std::erase_if(leaked, [](const LeakedBlock& block) { return !block.isRoot; });
+  const std::size_t most = isWhole ? leaked.size() : kMostBlocks;
+  std::stable_sort(leaked.begin(), leaked.end(), [](const LeakedBlock& a, const LeakedBlock& b) {
+    return a.size + a.containedBytes > b.size + b.containedBytes;
+  });
+  text += isWhole ? "\nAll blocks, those that hold most first:\n"
+                  : "\nRoots, those that hold most first; a block that only other leaked ones point to is "
+                    "counted with its root:\n";
+  for (std::size_t i = 0; i < leaked.size() && i < most; ++i) {
+    const LeakedBlock& block = leaked[i];
+    append(text, "0x%" PRIx64 "  %" PRIu64 " bytes", block.address, block.size);
+    if (block.contained > 0)
+      append(text, ", holds %zu more blocks of %" PRIu64 " bytes", block.contained, block.containedBytes);
+    const std::string kind = kindOf(memory, block);
+    text += (kind.empty() ? "" : "  " + kind) + "\n";
+    appendContent(text, memory, block);
+  }
+  if (leaked.size() > most) append(text, "... and %zu more roots\n", leaked.size() - most);
+}
+
+}  // namespace
+
+std::string renderLeaks(const LeakReport& report, const Snapshot& snapshot) {
+  const Memory memory(snapshot);
+  const auto& leaked = report.analysis.leaked;
+  std::string text;
+  appendHeader(text, report);
+  Address bytes = 0;
+  for (const LeakedBlock& block : leaked) bytes += block.size;
+  append(text, "\n%zu leaks for %" PRIu64 " total leaked bytes.\n", leaked.size(), bytes);
+  if (leaked.empty()) return text;
+  appendGroups(text, groupsOf(memory, leaked));
+  appendBlocks(text, memory, leaked, report.isWhole);
+  return text;
+}
+
+}  // namespace leaks
