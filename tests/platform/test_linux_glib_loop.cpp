@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "vitalscope/platform/linux/areas.h"
@@ -50,6 +51,21 @@ TEST(LinuxGlibLoop, BlocksRunInALoopThatKnowsNothingOfThem) {
   loop.run();
   EXPECT_THAT(order, ElementsAre(1, 2));
   EXPECT_TRUE(runLoop().mainLoopSeen());
+  EXPECT_STREQ(runLoop().mainLoopKind(), "GLib");
+}
+
+// As when the library is loaded into a program that has long been running.
+TEST(LinuxGlibLoop, LoopThatSleepsAlreadyIsJoinedFromAnotherThread) {
+  Loop loop;
+  std::jthread poster;
+  const auto startPoster = [](gpointer data) -> gboolean {
+    auto& [thread, sleeping] = *static_cast<std::pair<std::jthread&, Loop&>*>(data);
+    thread = std::jthread([&loop = sleeping] { post([&] { loop.quit(); }); });
+    return G_SOURCE_REMOVE;
+  };
+  std::pair<std::jthread&, Loop&> both{poster, loop};
+  g_idle_add(startPoster, &both);
+  loop.run();
   EXPECT_STREQ(runLoop().mainLoopKind(), "GLib");
 }
 
