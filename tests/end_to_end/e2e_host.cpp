@@ -2,6 +2,8 @@
 //   signin | signout | active | inactive     post the notification
 //   turn SECONDS                             let the main loop turn
 //   block SECONDS | spin SECONDS             keep the main thread from answering
+//   grow MEGABYTES                           take and use memory, which is never given back
+//   status NUMBER                            the call status that the host answers (2: in a meeting)
 //   load LIBRARY                             load a library on another thread, and wait for that
 //   exit
 // It answers each with "done COMMAND". Arguments: --log | --no-log, --email ADDRESS.
@@ -9,6 +11,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +27,8 @@ namespace {
 bool keepsLogs = true;
 std::string& email = *new std::string;  // a monitor may ask while the process ends
 qbv::id profile = nullptr;
+qbv::id helper = nullptr;
+std::atomic<int> callStatus{0};
 
 void defineHostClasses() {
   using qbv::ClassDefinition, qbv::id, qbv::SEL;
@@ -32,9 +37,15 @@ void defineHostClasses() {
                 .method(
                     "getEmail", +[](id, SEL) -> const char* { return email.c_str(); })
                 .instance();
+  helper = ClassDefinition(runtime, "EndToEndHelper")
+               .method(
+                   "getCallStatus", +[](id, SEL) -> int { return callStatus; })
+               .instance();
   ClassDefinition(runtime, "QBKXAppInterfaceAdapter")
       .classMethod(
-          "sharedUserProfileInstance", +[](id, SEL) -> id { return profile; });
+          "sharedUserProfileInstance", +[](id, SEL) -> id { return profile; })
+      .classMethod(
+          "sharedKXAppHelperInstance", +[](id, SEL) -> id { return helper; });
   ClassDefinition(runtime, "NSBundle")
       .classMethod(
           "isLogVersion", +[](id, SEL) -> bool { return keepsLogs; });
@@ -68,6 +79,16 @@ bool readCommand(std::string& line) {
   }
 }
 
+// Each megabyte by an allocation of its own, with something in every page.
+void keepThumbnails(std::size_t megabytes) {
+  constexpr std::size_t kMegabyte = 1024 * 1024;
+  for (; megabytes > 0; --megabytes) {
+    auto* const block = static_cast<char*>(std::malloc(kMegabyte));
+    for (std::size_t offset = 0; block != nullptr && offset < kMegabyte; offset += 1024) block[offset] = 1;
+    asm volatile("" : : "r"(block) : "memory");
+  }
+}
+
 void post(const char* name) {
   qbv::platform().notifications.defaultCenter().post(name);
 }
@@ -77,6 +98,8 @@ bool obey(const std::string& line) {
   std::string verb;
   words >> verb;
   double seconds = 0;
+  std::size_t megabytes = 0;
+  int status = 0;
   std::string library;
   if (verb == "signin")
     post("Noti_Login_FB_Login_Finished");
@@ -92,6 +115,10 @@ bool obey(const std::string& line) {
     importAttachments(seconds);
   else if (verb == "spin" && words >> seconds)
     recalculateSheet(seconds);
+  else if (verb == "grow" && words >> megabytes)
+    keepThumbnails(megabytes);
+  else if (verb == "status" && words >> status)
+    callStatus = status;
   else if (verb == "load" && words >> library)
     std::thread([&] {
       if (dlopen(library.c_str(), RTLD_NOW) == nullptr) std::fprintf(stderr, "%s\n", dlerror());

@@ -1,0 +1,77 @@
+// Whole processes: one that grows past a gigabyte leaves a report, unless its user is in a meeting; one that
+// is killed leaves the stacks of what it had allocated.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "tests/end_to_end/host_process.h"
+#include "tools/stack_file/stack_file.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using e2e::HostProcess;
+using e2e::TemporaryFolder;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+
+std::vector<fs::path> memoryReports(const HostProcess& host) {
+  std::vector<fs::path> reports;
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator(host.diagnosticRoot() / "app_memory_oversize", ignored))
+    reports.push_back(entry.path());
+  return reports;
+}
+
+TEST(MemoryReports, GigabyteOutsideOfAMeetingBecomesOneReport) {
+  const TemporaryFolder home;
+  HostProcess host(E2E_HOST, {"--log", "--email", "someone@" QBV_MAIL_DOMAIN}, home.path());
+  // Memory is not reported in the first 30 seconds.
+  host.tell({"signin", "turn 32", "status 2", "grow 1100", "turn 3"});
+  ASSERT_TRUE(host.finished());
+  EXPECT_THAT(memoryReports(host), IsEmpty()) << "in a meeting";
+
+  host.tell({"status 0"});
+  ASSERT_TRUE(e2e::eventually([&] {
+    host.tell({"turn 0.2"});
+    return !host.finished() || !memoryReports(host).empty();
+  }));
+  host.tell({"grow 50", "turn 3"});
+  ASSERT_TRUE(host.finished());
+  ASSERT_THAT(memoryReports(host), SizeIs(1)) << "a higher peak within the hour leaves no second one";
+  EXPECT_THAT(memoryReports(host)[0].filename().string(), StartsWith("quibapp_overmemory_"));
+  const std::string report = e2e::contentOf(memoryReports(host)[0]);
+  EXPECT_THAT(report, HasSubstr("\nException Type:   APP Memory Oversize\n"));
+  EXPECT_THAT(report, HasSubstr(R"("AppMemoryRecords":"{\"memoryRecords\":[\")"));
+  EXPECT_THAT(e2e::mainThreadBlock(report), Not(IsEmpty()));
+  EXPECT_EQ(host.exitStatus(), 0);
+}
+
+TEST(StackFile, OutlivesAKilledProcess) {
+  const TemporaryFolder folder;
+  const fs::path file = folder.path() / "stack_backtrace.mmap";
+  {
+    HostProcess keeper(E2E_STACK_KEEPER, {file.string()}, folder.path());
+    // At the threshold nothing is logged; the second time every stack is. 700 make the file grow.
+    keeper.tell({"keep 700", "keep 700"});
+    ASSERT_TRUE(keeper.finished());
+    ASSERT_EQ(kill(keeper.pid(), SIGKILL), 0);
+  }
+  std::string error;
+  const auto contents = qbv::stack_file::parse(e2e::contentOf(file), error);
+  ASSERT_TRUE(contents.has_value()) << error;
+  EXPECT_EQ(contents->slots, 1000U);
+  EXPECT_THAT(contents->problems, IsEmpty());
+  ASSERT_THAT(contents->stacks, SizeIs(700));
+  EXPECT_EQ(qbv::stack_file::totalsOf(contents->stacks).bytes, 700U * 2 * 4096);
+  for (const auto& stack : contents->stacks) {
+    ASSERT_EQ(stack.count, 2U);
+    ASSERT_THAT(stack.frames, SizeIs(4));
+    ASSERT_EQ(stack.frames.back(), 0x404000U);
+  }
+}
+
+}  // namespace
