@@ -1,0 +1,313 @@
+// The command line as its users meet it: whole runs, their output and exit codes.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/end_to_end/host_process.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using e2e::contentOf;
+using e2e::HostProcess;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+
+#ifdef QBV_SANITIZED
+constexpr bool kPreload = false;  // a sanitized library cannot be loaded first
+#else
+constexpr bool kPreload = true;
+#endif
+
+const fs::path kGolden = GOLDEN_FOLDER;
+
+struct Outcome {
+  int code = -1;
+  std::string out;
+  std::string errors;
+};
+
+class CommandLine : public testing::Test {
+ protected:
+  CommandLine() {
+    unsetenv("DISPLAY");
+    unsetenv("NO_COLOR");
+    setenv("HOME", home_.path().c_str(), 1);
+    setenv("XDG_RUNTIME_DIR", runtime_.path().c_str(), 1);
+  }
+
+  Outcome command(std::vector<std::string> arguments) const {
+    const fs::path out = home_.path() / "out";
+    const fs::path errors = home_.path() / "errors";
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    constexpr int kMode = O_WRONLY | O_CREAT | O_TRUNC;
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), kMode, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), kMode, 0600);
+    arguments.insert(arguments.begin(), COMMAND);
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments) pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    pid_t child = 0;
+    const int failure = posix_spawn(&child, COMMAND, &actions, nullptr, pointers.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    EXPECT_TRUE(failure == 0 && waitpid(child, &status, 0) == child);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(out), contentOf(errors)};
+  }
+
+  // Every complaint is one line with the program's name in front.
+  void expectRefused(const std::vector<std::string>& arguments, int code, const std::string& reason) const {
+    const Outcome outcome = command(arguments);
+    EXPECT_EQ(outcome.code, code) << outcome.errors;
+    EXPECT_THAT(outcome.errors, StartsWith("quibvitalscope: "));
+    EXPECT_THAT(outcome.errors, HasSubstr(reason));
+    EXPECT_THAT(outcome.out, IsEmpty());
+  }
+
+  fs::path place(const std::string& belowRoot, const std::string& text) const {
+    const fs::path path = home_.path() / "Library/Logs/quibapp/Diagnostic" / belowRoot;
+    fs::create_directories(path.parent_path());
+    std::ofstream(path) << text;
+    return path;
+  }
+  fs::path script(const std::string& name, const std::string& text, mode_t mode = 0755) const {
+    const fs::path path = home_.path() / name;
+    std::ofstream(path) << text;
+    chmod(path.c_str(), mode);
+    return path;
+  }
+  static std::string golden() { return contentOf(kGolden / "hang.hang"); }
+
+  e2e::TemporaryFolder home_;
+  e2e::TemporaryFolder runtime_;
+};
+
+TEST_F(CommandLine, ExplainsItself) {
+  for (const char* const name : {"run", "post", "reports", "show", "doctor"}) {
+    const Outcome help = command({name, "--help"});
+    EXPECT_EQ(help.code, 0);
+    EXPECT_THAT(help.out, HasSubstr(std::string("Usage: quibvitalscope ") + name));
+    EXPECT_THAT(help.out, HasSubstr("Exit codes:"));
+    EXPECT_THAT(command({"--help"}).out, HasSubstr(std::string("\n  ") + name + " "));
+  }
+  expectRefused({}, 2, "a command is missing");
+  expectRefused({"sing"}, 2, "sing");
+  expectRefused({"reports", "--pid", "0"}, 2, "'0' is no process id");
+  expectRefused({"show", "--color", "pink"}, 2, "'pink' is none of auto, always, never");
+}
+
+TEST_F(CommandLine, ShowsAReportAsText) {
+  const Outcome plain = command({"show", (kGolden / "hang.hang").string()});
+  EXPECT_EQ(plain.code, 0) << plain.errors;
+  EXPECT_EQ(plain.out, contentOf(kGolden / "hang.txt"));
+  const Outcome coloured = command({"show", "--color", "always", (kGolden / "hang.hang").string()});
+  EXPECT_THAT(coloured.out, HasSubstr("\033[1;31m▶   3  paint::Canvas::open"));
+  EXPECT_THAT(coloured.out, HasSubstr("\033[2m  4  gtk_main"));
+}
+
+TEST_F(CommandLine, ShowsAReportAsJson) {
+  const Outcome outcome = command({"show", "--json", (kGolden / "hang.hang").string()});
+  const json report = json::parse(outcome.out)["reports"][0];
+  EXPECT_EQ(report["pid"], 4242);
+  EXPECT_EQ(report["level"], 4);
+  EXPECT_EQ(report["mainThread"]["blocking"]["function"], "paint::Canvas::open(std::string const&)");
+  EXPECT_EQ(report["mainThread"]["blocking"]["waitingIn"], "__nanosleep");
+  EXPECT_EQ(report["mainThread"]["frames"][3]["imageOffset"], "0x1234");
+  EXPECT_EQ(report["mainThread"]["frames"][2]["owner"], "library");
+  EXPECT_EQ(report["otherThreads"][0]["threads"], json({4251, 4252}));
+  EXPECT_EQ(report["images"][0]["file"], "missing");
+  EXPECT_EQ(report["extraData"]["anrLevel"], 4);
+  EXPECT_THAT(report["problems"], IsEmpty());
+}
+
+TEST_F(CommandLine, ShowsWhatIsLeftOfADamagedReportAndSaysSo) {
+  const fs::path cut =
+      place("7/freeze/light/quibapp_stuck_2026-11-16_16_44_12.hang", golden().substr(0, 1500));
+  const Outcome outcome = command({"show", cut.string()});
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_THAT(outcome.out, HasSubstr("Main thread"));
+  EXPECT_THAT(outcome.errors, HasSubstr(cut.string() + ": cut off before the list of images"));
+
+  std::string hostile = golden();
+  hostile.replace(hostile.find("paint shop"), 10, "\033]0;x\a\xc2\x9b");
+  const Outcome quiet = command({"show", place("7/power/x.hang", hostile).string()});
+  EXPECT_THAT(quiet.out, Not(HasSubstr("\033")));
+  EXPECT_THAT(quiet.out, HasSubstr("?]0;x??"));
+}
+
+TEST_F(CommandLine, RefusesToShowOtherFiles) {
+  expectRefused({"show"}, 1, "there are no reports below");
+  expectRefused({"show", script("notes", "notes\n").string()}, 1, "notes is no report");
+  expectRefused({"show", script("empty", "").string()}, 1, "it is empty");
+  expectRefused({"show", home_.path().string()}, 1, "is no regular file");
+  expectRefused({"show", "/nowhere"}, 1, "cannot open /nowhere: No such file or directory");
+}
+
+TEST_F(CommandLine, ListsReportsNewestFirst) {
+  place("5/freeze/light/quibapp_stuck_2026-11-16_16_44_12.hang", golden());
+  place("6/app_memory_oversize/quibapp_overmemory_2026-11-17_08_00_00.hang", golden());
+  place("6/sample_log/quibapp_stuck_2026-11-15_00_00_00_sample.hang",
+        "Process:         paint shop [6]\nPath:            /p\n");
+  const Outcome outcome = command({"reports", "--json"});
+  EXPECT_EQ(outcome.code, 0) << outcome.errors;
+  const json files = json::parse(outcome.out)["files"];
+  ASSERT_THAT(files, SizeIs(3));
+  EXPECT_EQ(files[0]["kind"], "memory");
+  EXPECT_EQ(files[1]["level"], "light");
+  EXPECT_EQ(files[1]["time"], "2026-11-16 16:44:12");
+  EXPECT_EQ(files[1]["mainThread"], "paint::Canvas::open … in __nanosleep");
+  EXPECT_EQ(files[2]["kind"], "sample");
+  EXPECT_EQ(files[2]["process"], "paint shop");
+
+  EXPECT_THAT(json::parse(command({"reports", "--json", "--pid", "6"}).out)["files"], SizeIs(2));
+  const Outcome table = command({"reports"});
+  EXPECT_THAT(table.out, HasSubstr("2026-11-16 16:44:12  hang        light     paint shop [5]"));
+  const std::string shown = command({"show", "5/freeze/light/quibapp_stuck_2026-11-16_16_44_12.hang"}).out;
+  EXPECT_EQ(shown, contentOf(kGolden / "hang.txt")) << "the path as it is listed";
+}
+
+TEST_F(CommandLine, ListsWhatItCanAndTellsWhatItCannotRead) {
+  place("5/freeze/light/quibapp_stuck_2026-11-16_16_44_12.hang", golden());
+  place("5/freeze/light/quibapp_stuck_2026-11-16_16_44_13.hang", "");
+  const Outcome outcome = command({"reports"});
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_THAT(outcome.out, HasSubstr("paint::Canvas::open"));
+  EXPECT_THAT(outcome.errors, HasSubstr("16_44_13.hang is no report: it is empty"));
+}
+
+TEST_F(CommandLine, IsSilentWithoutReports) {
+  const Outcome outcome = command({"reports"});
+  EXPECT_EQ(outcome.code, 0);
+  EXPECT_EQ(outcome.out + outcome.errors, "");
+}
+
+TEST_F(CommandLine, TellsWhyAProgramIsNotRun) {
+  expectRefused({"run"}, 2, "needs a command");
+  expectRefused({"run", "--", "no such program"}, 127, "there is no program 'no such program' on the PATH");
+  expectRefused({"run", "--", "/no/such"}, 127, "No such file or directory");
+  expectRefused({"run", "--", "/"}, 126, "it is a folder");
+  expectRefused({"run", "--", script("closed", "#!/bin/sh\n", 0644).string()}, 126, "it is not executable");
+  expectRefused({"run", "--", script("text", "hello\n").string()}, 126, "it is no program");
+  expectRefused({"run", "--", script("orphan", "#!/no/interpreter -x\n").string()}, 126,
+                "/no/interpreter is missing");
+}
+
+TEST_F(CommandLine, TellsWhyAProgramCannotBeMonitored) {
+  expectRefused({"run", "--", STATIC_PROGRAM}, 125, "statically linked");
+  const fs::path foreign = home_.path() / "foreign";
+  fs::copy_file(HOST, foreign);
+  std::fstream bytes(foreign, std::ios::in | std::ios::out | std::ios::binary);
+  bytes.seekp(18).put('\xf3').put('\0').flush();  // the machine in the header
+  expectRefused({"run", "--", foreign.string()}, 125, "another processor architecture");
+  bytes.seekp(4).put('\1').flush();
+  expectRefused({"run", "--", foreign.string()}, 125, "32-bit");
+  expectRefused({"run", "--", script("viaScript", "#!" + foreign.string() + "\n").string()}, 125, "32-bit");
+  if (geteuid() != 0) return;
+  const fs::path privileged = home_.path() / "privileged";
+  fs::copy_file(HOST, privileged);
+  ASSERT_EQ(chown(privileged.c_str(), 65534, 0), 0);
+  ASSERT_EQ(chmod(privileged.c_str(), 04755), 0);
+  expectRefused({"run", "--", privileged.string()}, 125, "set-user-ID");
+}
+
+TEST_F(CommandLine, BecomesTheProgram) {
+  if (!kPreload) GTEST_SKIP() << "the library cannot be preloaded in this build";
+  const std::string print =
+      "echo $QUIBVITALSCOPE_TARGET=$$ $QUIBVITALSCOPE_LOG $QUIBVITALSCOPE_VERSION \"$@\"; exit 7";
+  const Outcome outcome =
+      command({"run", "--no-log", "--version", "4 2", "sh", "-c", print, "sh", "--", "-x", "a b"});
+  EXPECT_EQ(outcome.code, 7);
+  EXPECT_THAT(outcome.out, testing::MatchesRegex("([0-9]+)=[0-9]+ 0 4 2 -- -x a b\n"));
+  const auto equals = outcome.out.find('=');
+  EXPECT_EQ(outcome.out.substr(0, equals), outcome.out.substr(equals + 1, equals)) << "another process id";
+
+  setenv("LD_PRELOAD", HARMLESS_LIBRARY, 1);
+  const Outcome kept = command({"run", "--", "sh", "-c", "echo $LD_PRELOAD"});
+  unsetenv("LD_PRELOAD");
+  EXPECT_THAT(kept.out, HasSubstr(std::string(":") + HARMLESS_LIBRARY));
+}
+
+TEST_F(CommandLine, TellsWhyNothingWasPosted) {
+  expectRefused({"post", "1"}, 2, "NAME is required");
+  expectRefused({"post", "one", "name"}, 2, "'one' is no process id");
+  expectRefused({"post", std::to_string(getpid()), "name", "novalue"}, 2,
+                "'novalue' is not of the form key=value");
+  expectRefused({"post", std::to_string(getpid()), "name", "a=1", "a=2"}, 2, "'a' is given twice");
+  expectRefused({"post", std::to_string(getpid()), "name"}, 1, "has no control socket");
+  expectRefused({"post", "2147483647", "name"}, 1, "there is no process 2147483647");
+}
+
+TEST_F(CommandLine, KnowsWhatTheMachineAllows) {
+  const Outcome outcome = command({"doctor", "--json"});
+  const json answer = json::parse(outcome.out);
+  EXPECT_EQ(outcome.code, answer["usable"] == true ? 0 : 1);
+  for (const json& check : answer["checks"]) {
+    EXPECT_EQ(check["state"] == "works", check["fallback"].is_null()) << check;
+    EXPECT_NE(check["finding"], "") << check;
+    if (check["name"] == "display") {
+      EXPECT_EQ(check["state"], "missing") << "DISPLAY is not set";
+    }
+    if (check["name"] == "library") {
+      EXPECT_EQ(check["state"], "works");
+    }
+  }
+  setenv("HOME", "/proc/nowhere", 1);
+  const Outcome broken = command({"doctor"});
+  EXPECT_EQ(broken.code, 1) << "no log folder can be made there";
+  EXPECT_THAT(broken.out, HasSubstr("Something essential is missing."));
+}
+
+// The road from a program that knows nothing of the monitor to a readable report.
+TEST_F(CommandLine, RunsPostsListsAndShows) {
+  if (!kPreload) GTEST_SKIP() << "the library cannot be preloaded in this build";
+  HostProcess host(COMMAND, {"run", "--bundle-id", "org.example.host", "--version", "4.2", "--", HOST},
+                   home_.path());
+  host.tell({"turn 6.5", "block 4", "turn 0.5"});
+  ASSERT_TRUE(host.finished());
+  const std::string pid = std::to_string(host.pid());
+  EXPECT_EQ(command({"post", pid, "a note", "count=3", "text=three words", "flag=true"}).code, 0);
+
+  const Outcome list = command({"reports", "--json", "--pid", pid});
+  ASSERT_EQ(list.code, 0) << list.errors;
+  const json files = json::parse(list.out)["files"];
+  json hang;
+  for (const json& file : files)
+    if (file["kind"] == "hang") hang = file;
+  ASSERT_TRUE(hang.is_object()) << list.out;
+  EXPECT_EQ(hang["process"], "epoll_host");
+  EXPECT_THAT(hang["mainThread"].get<std::string>(), testing::ContainsRegex("^(block|obey|main)"))
+      << "depends on what the compiler inlines";
+
+  const Outcome shown = command({"show", "--json", hang["path"].get<std::string>()});
+  ASSERT_EQ(shown.code, 0) << shown.errors;
+  const json report = json::parse(shown.out)["reports"][0];
+  EXPECT_EQ(report["facts"]["Identifier"], "org.example.host");
+  EXPECT_EQ(report["images"][0]["file"], "same");
+  const json& main = report["mainThread"];
+  for (const json& frame : main["frames"]) {
+    if (frame["index"] != main["blocking"]["frame"]) continue;
+    EXPECT_THAT(frame["source"]["file"].get<std::string>(), HasSubstr("epoll_host.c"));
+    EXPECT_GT(frame["source"]["line"].get<int>(), 0);
+  }
+  EXPECT_EQ(host.exitStatus(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,63 @@
+// post: posts a notification in a monitored process.
+#include <signal.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "host/control/client.h"
+#include "tools/quibvitalscope/command.h"
+#include "tools/quibvitalscope/help.h"
+#include "tools/quibvitalscope/post_values.h"
+
+namespace qbv::cli {
+namespace {
+
+struct Options {
+  int process = 0;
+  std::string name;
+  std::vector<std::string> pairs;
+};
+
+// Empty when there is such a process and it is this user's.
+std::string processObstacle(int process) {
+  if (::kill(process, 0) == 0) return "";
+  const std::string id = std::to_string(process);
+  return errno == ESRCH ? "there is no process " + id : "process " + id + " is another user's";
+}
+
+int post(const Options& options) {
+  std::string error;
+  const auto userInfo = userInfoFrom(options.pairs, error);
+  if (!userInfo) return fail(kExitUsage, error);
+  if (error = processObstacle(options.process); !error.empty()) return fail(kExitFailure, error);
+  const auto client = control::Client::connect(options.process, error);
+  if (!client || !client->post(options.name, *userInfo, error)) return fail(kExitFailure, error);
+  return 0;
+}
+
+}  // namespace
+
+void addPostCommand(CLI::App& app, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App* const sub = app.add_subcommand("post", "Post a notification in a program that 'run' started");
+  setHelp(*sub, "post PID NAME [KEY=VALUE...]",
+          "Posts a notification in a program that 'run' started, through its control socket, and waits until "
+          "its observers "
+          "have run. Only the same user may do that.");
+  sub->add_option("PID", options->process, "Process id of the program")->required()->check(processId());
+  sub->add_option("NAME", options->name, "Name of the notification")->required();
+  sub->add_option("KEY=VALUE", options->pairs,
+                  "Its user info: true, false, null, numbers and other JSON as such, anything else as text");
+  sub->footer(
+      "Exit codes: 0 posted, 1 not posted (no such process, not monitored, another user's), 2 usage.\n\n"
+      "Examples:\n"
+      "  quibvitalscope post 4242 performance_dashboard\n"
+      "  quibvitalscope post 4242 user_leaks_detect enable_leaks_detect=true\n"
+      "  quibvitalscope post 4242 Noti_LogOut");
+  sub->callback([options, &context] {
+    options->pairs.insert(options->pairs.end(), context.arguments.begin(), context.arguments.end());
+    context.exitCode = post(*options);
+  });
+}
+
+}  // namespace qbv::cli
