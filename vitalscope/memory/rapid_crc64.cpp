@@ -40,8 +40,9 @@ std::uint64_t rapid_crc64(std::uint64_t seed, const void* data, std::uint64_t le
     std::uint64_t x;
     std::memcpy(&x, bytes, sizeof x);
     x ^= crc;
-    crc = 0;
-    for (std::size_t k = 0; k < 8; ++k) crc ^= kTables[k][(x >> (8 * k)) & 0xFF];
+    crc = kTables[0][x & 0xFF] ^ kTables[1][x >> 8 & 0xFF] ^ kTables[2][x >> 16 & 0xFF] ^
+          kTables[3][x >> 24 & 0xFF] ^ kTables[4][x >> 32 & 0xFF] ^ kTables[5][x >> 40 & 0xFF] ^
+          kTables[6][x >> 48 & 0xFF] ^ kTables[7][x >> 56];
   }
   return ~crc;
 }
