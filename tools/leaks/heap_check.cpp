@@ -19,7 +19,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMostStops = 200;     // until one finds no thread inside the allocator
+constexpr int kPatientStops = 10;   // that are given up while a thread still runs
 constexpr int kMostSnapshots = 10;  // until one is consistent
+constexpr int kMostWithoutHeap = 3;
 constexpr std::chrono::milliseconds kBetweenStops{3};
 constexpr std::chrono::milliseconds kBetweenPasses{10};
 
@@ -120,7 +122,8 @@ class Check {
       const HeapFailure& failure = report_.analysis.failure;
       if (!failure) return "";
       // A thread caught inside the allocator leaves the heap half changed for a moment.
-      if (failure.kind == HeapFailure::Kind::noHeap || attempt == kMostSnapshots) return failure.reason;
+      const int most = failure.kind == HeapFailure::Kind::noHeap ? kMostWithoutHeap : kMostSnapshots;
+      if (attempt == most) return failure.reason;
       report_.stoppedMilliseconds.pop_back();
       usleep(std::chrono::microseconds(kBetweenStops).count());
     }
@@ -137,10 +140,14 @@ class Check {
       std::vector<Thread> threads;
       for (const pid_t thread : tracer.stopAll()) threads.push_back(readThread(thread));
       if (threads.empty()) return "the process has ended";
-      const bool isCopied = !isAnyHeld(locks) && reader_.copy(std::move(threads), snapshot_);
+      const std::size_t running = tracer.running();
+      // A thread deep in the kernel cannot be stopped, and changes nothing; any other is waited for.
+      const bool isStill = running == 0 || stop >= kPatientStops;
+      const bool isCopied = isStill && !isAnyHeld(locks) && reader_.copy(std::move(threads), snapshot_);
       tracer.detach();
       const std::chrono::duration<double, std::milli> length = Clock::now() - begin;
       if (isCopied) {
+        if (running > 0) report_.note = std::to_string(running) + " threads could not be stopped";
         report_.stoppedMilliseconds.push_back(length.count());
         return "";
       }

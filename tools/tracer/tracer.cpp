@@ -49,6 +49,7 @@ bool isZombie(pid_t process, pid_t thread) {
 }
 
 constexpr std::chrono::milliseconds kStopTimeout{200};
+constexpr int kDetachRounds = 25;
 
 int eventOf(int status) {
   return status >> 16;
@@ -178,10 +179,19 @@ Tracer::Wait Tracer::serveUntil(std::chrono::steady_clock::time_point deadline) 
   }
 }
 
+std::size_t Tracer::running() const {
+  return threads_.size() - stopped_.size();
+}
+
 void Tracer::detach() {
-  if (threads_.empty()) return;
-  for (const pid_t thread : std::vector<pid_t>(stopAll())) ptrace(PTRACE_DETACH, thread, nullptr, nullptr);
+  for (int round = 0; round <= kDetachRounds && !threads_.empty(); ++round) {
+    std::erase_if(threads_, [](const auto& entry) {
+      return entry.second != State::running && ptrace(PTRACE_DETACH, entry.first, nullptr, nullptr) == 0;
+    });
+    if (!threads_.empty()) stopAll();
+  }
   threads_.clear();
+  stopped_.clear();
 }
 
 }  // namespace tracer

@@ -28,11 +28,14 @@ class Tracer {
   // Stops every thread and answers those that stand still; one that cannot be stopped in time (it is deep in
   // the kernel) is left out. Empty when the process has ended.
   const std::vector<pid_t>& stopAll();
+  // How many threads the last stopAll left running.
+  std::size_t running() const;
   // Lets every stopped thread run on; signals that arrived meanwhile are delivered.
   void resumeAll();
   // Passes the time until `deadline` serving the target's events, so that it never waits for the tracer.
   Wait serveUntil(std::chrono::steady_clock::time_point deadline);
-  // Lets go of all threads. They run on.
+  // Lets go of all threads. They run on. Waits up to five seconds for one that cannot be stopped, because a
+  // thread has to stand still to be let go; the others run on meanwhile.
   void detach();
 
  private:
