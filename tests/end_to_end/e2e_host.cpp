@@ -1,6 +1,7 @@
 // A host application that does what it is told, one command a line on its standard input:
 //   signin | signout | active | inactive     post the notification
 //   turn SECONDS                             let the main loop turn
+//   allocate MEGABYTES                       take one block of the heap, and keep it
 //   block SECONDS | spin SECONDS             keep the main thread from answering
 //   grow MEGABYTES                           take and use memory, which is never given back
 //   status NUMBER                            the call status that the host answers (2: in a meeting)
@@ -18,6 +19,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "blocked_work.h"
 #include "vitalscope/platform/platform.h"
@@ -93,6 +95,11 @@ void post(const char* name) {
   qbv::platform().notifications.defaultCenter().post(name);
 }
 
+void keepBlock(std::size_t size) {
+  static std::vector<void*> kept;
+  kept.push_back(std::malloc(size));
+}
+
 bool obey(const std::string& line) {
   std::istringstream words(line);
   std::string verb;
@@ -119,6 +126,8 @@ bool obey(const std::string& line) {
     keepThumbnails(megabytes);
   else if (verb == "status" && words >> status)
     callStatus = status;
+  else if (verb == "allocate" && words >> megabytes)
+    keepBlock(megabytes << 20);
   else if (verb == "load" && words >> library)
     std::thread([&] {
       if (dlopen(library.c_str(), RTLD_NOW) == nullptr) std::fprintf(stderr, "%s\n", dlerror());

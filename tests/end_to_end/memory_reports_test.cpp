@@ -50,6 +50,25 @@ TEST(MemoryReports, GigabyteOutsideOfAMeetingBecomesOneReport) {
   EXPECT_EQ(host.exitStatus(), 0);
 }
 
+// The writer takes no report of a single block, but all the way to it runs inside the host's allocation.
+TEST(MemoryReports, OneOverSizeBlockDoesTheHostNoHarmAndIsCounted) {
+  const TemporaryFolder home;
+  HostProcess host(E2E_HOST, {"--log", "--email", "someone@" QBV_MAIL_DOMAIN}, home.path());
+  host.tell({"signin", "turn 1", "active", "turn 6", "allocate 60", "allocate 60", "block 4", "turn 3"});
+  ASSERT_TRUE(host.finished());
+  ASSERT_TRUE(e2e::eventually([&] { return !host.hangReports().empty(); }));
+  const fs::path folder = host.diagnosticRoot() / "object_memory_oversize";
+  EXPECT_TRUE(!fs::exists(folder) || fs::is_empty(folder));
+  const std::string report = e2e::contentOf(host.hangReports()[0]);
+#if !defined(QBV_SANITIZED)
+  const std::size_t at = report.find("Alloc Memory Live Count:");
+  ASSERT_NE(at, std::string::npos) << report;
+  EXPECT_NE(std::stoll(report.substr(at + sizeof "Alloc Memory Live Count:")), 0);
+#endif
+  EXPECT_THAT(report, HasSubstr("OC Object Live Count:"));
+  EXPECT_EQ(host.exitStatus(), 0);
+}
+
 TEST(StackFile, OutlivesAKilledProcess) {
   const TemporaryFolder folder;
   const fs::path file = folder.path() / "stack_backtrace.mmap";

@@ -33,10 +33,26 @@ static_assert(kAllocation == 10 && kCleared == 74 && kReallocation == 14 && kFre
   errno = savedErrno;
 }
 
-inline void countAllocation(std::uint64_t size) {
+// Only in these is anything called, so that the ways below need no frame.
+[[gnu::noinline, gnu::cold]] void countAllocationSlowly(std::uint64_t size) {
   addLiveBlocks(1);
-  if (size >= qb_over_memory_bytes) [[unlikely]]
-    reportOverMemory(size);
+  if (size >= qb_over_memory_bytes) reportOverMemory(size);
+}
+
+[[gnu::noinline, gnu::cold]] void countFreeSlowly() {
+  addLiveBlocks(-1);
+}
+
+inline void countAllocation(std::uint64_t size) {
+  if (size >= qb_over_memory_bytes || !hasThreadCounts()) [[unlikely]]
+    return countAllocationSlowly(size);
+  addLiveBlocks(1);
+}
+
+inline void countFree() {
+  if (!hasThreadCounts()) [[unlikely]]
+    return countFreeSlowly();
+  addLiveBlocks(-1);
 }
 
 }  // namespace
@@ -51,7 +67,7 @@ void quib_malloc_stack_logger(std::uint32_t type, std::uintptr_t, std::uintptr_t
     case kReallocation:
       return countAllocation(argument3);
     case kFree:
-      return addLiveBlocks(-1);
+      return countFree();
     default:
       return;
   }

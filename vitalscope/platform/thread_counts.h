@@ -33,6 +33,11 @@ QBV_EXPORT ThreadCounts& threadCounts() noexcept;
 using ThreadCountsVisit = bool(ThreadCounts& counts, void* context);
 QBV_EXPORT void visitThreadCounts(ThreadCountsVisit* visit, void* context) noexcept;
 
+// Whether the calling thread has a slot of its own already. Counting is then a few instructions.
+inline bool hasThreadCounts() noexcept {
+  return detail::ownCounts != nullptr;
+}
+
 // Counts live heap blocks: +1 or -1, as above.
 inline void addLiveBlocks(std::int64_t change) noexcept {
   ThreadCounts* const mine = detail::ownCounts;

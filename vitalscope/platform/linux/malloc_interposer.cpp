@@ -48,30 +48,32 @@ constinit const char heapName[] = "DefaultMallocZone";
   log(type, word(heapName), argument2, argument3, result, 1);
 }
 
-template <auto allocate, class... Arguments>
-[[gnu::noinline]] void* allocateAndTell(malloc_logger_t* log, std::uint32_t type, std::size_t size,
-                                        Arguments... arguments) {
-  void* const block = allocate(arguments...);
-  if (block != nullptr) tell(log, type, size, 0, word(block));
-  return block;
-}
+// The event's own arguments come first, so that they stay in the registers in which they came.
+template <auto allocate, std::uint32_t type, class... Arguments>
+struct Telling {
+  [[gnu::noinline]] static void* call(Arguments... arguments, std::size_t size, malloc_logger_t* log) {
+    void* const block = allocate(arguments...);
+    if (block != nullptr) tell(log, type, size, 0, word(block));
+    return block;
+  }
+};
 
 // Without a logger this is a jump to the C library, with one a jump to the function above: either way there
 // is one frame between an event's caller and the logger.
-template <auto allocate, class... Arguments>
-[[gnu::always_inline]] inline void* told(std::uint32_t type, std::size_t size, Arguments... arguments) {
+template <auto allocate, std::uint32_t type, class... Arguments>
+[[gnu::always_inline]] inline void* told(std::size_t size, Arguments... arguments) {
   malloc_logger_t* const log = logger();
   if (log == nullptr) return allocate(arguments...);
-  return allocateAndTell<allocate>(log, type, size, arguments...);
+  return Telling<allocate, type, Arguments...>::call(arguments..., size, log);
 }
 
-[[gnu::noinline]] void tellAndFree(malloc_logger_t* log, void* block) {
+[[gnu::noinline]] void tellAndFree(void* block, malloc_logger_t* log) {
   if (block != nullptr) tell(log, kFree, word(block), 0, 0);
   __libc_free(block);
 }
 
 [[gnu::always_inline]] inline void* reallocTold(void* block, std::size_t size) {
-  if (block == nullptr) return told<__libc_malloc>(kAllocation, size, size);
+  if (block == nullptr) return told<__libc_malloc, kAllocation>(size, size);
   malloc_logger_t* const log = logger();
   if (log == nullptr) return __libc_realloc(block, size);
   if (size == 0) {
@@ -89,12 +91,12 @@ template <auto allocate, class... Arguments>
 extern "C" {
 
 QBV_EXPORT void* malloc(std::size_t size) noexcept {
-  return told<__libc_malloc>(kAllocation, size, size);
+  return told<__libc_malloc, kAllocation>(size, size);
 }
 
 QBV_EXPORT void* calloc(std::size_t count, std::size_t size) noexcept {
   // A product that does not fit fails, and is not told.
-  return told<__libc_calloc>(kCleared, count * size, count, size);
+  return told<__libc_calloc, kCleared>(count * size, count, size);
 }
 
 QBV_EXPORT void* realloc(void* block, std::size_t size) noexcept {
@@ -113,32 +115,32 @@ QBV_EXPORT void* reallocarray(void* block, std::size_t count, std::size_t size) 
 QBV_EXPORT void free(void* block) noexcept {
   malloc_logger_t* const log = logger();
   if (log == nullptr) return __libc_free(block);
-  tellAndFree(log, block);
+  tellAndFree(block, log);
 }
 
 QBV_EXPORT int posix_memalign(void** block, std::size_t alignment, std::size_t size) noexcept {
   const bool powerOfTwo = alignment != 0 && (alignment & (alignment - 1)) == 0;
   if (!powerOfTwo || alignment < sizeof(void*)) return EINVAL;
-  void* const made = told<__libc_memalign>(kAllocation, size, alignment, size);
+  void* const made = told<__libc_memalign, kAllocation>(size, alignment, size);
   if (made == nullptr) return ENOMEM;
   *block = made;
   return 0;
 }
 
 QBV_EXPORT void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
-  return told<__libc_memalign>(kAllocation, size, alignment, size);
+  return told<__libc_memalign, kAllocation>(size, alignment, size);
 }
 
 QBV_EXPORT void* memalign(std::size_t alignment, std::size_t size) noexcept {
-  return told<__libc_memalign>(kAllocation, size, alignment, size);
+  return told<__libc_memalign, kAllocation>(size, alignment, size);
 }
 
 QBV_EXPORT void* valloc(std::size_t size) noexcept {
-  return told<__libc_valloc>(kAllocation, size, size);
+  return told<__libc_valloc, kAllocation>(size, size);
 }
 
 QBV_EXPORT void* pvalloc(std::size_t size) noexcept {
-  return told<__libc_pvalloc>(kAllocation, size, size);
+  return told<__libc_pvalloc, kAllocation>(size, size);
 }
 
 // Where this library's own malloc is, whoever's the process uses.
