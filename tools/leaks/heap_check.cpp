@@ -139,10 +139,10 @@ class Check {
       const auto begin = Clock::now();
       std::vector<Thread> threads;
       for (const pid_t thread : tracer.stopAll()) threads.push_back(readThread(thread));
-      if (threads.empty()) return "the process has ended";
       const std::size_t running = tracer.running();
+      if (threads.empty() && running == 0) return "the process has ended";
       // A thread deep in the kernel cannot be stopped, and changes nothing; any other is waited for.
-      const bool isStill = running == 0 || stop >= kPatientStops;
+      const bool isStill = running == 0 || (stop >= kPatientStops && !threads.empty());
       const bool isCopied = isStill && !isAnyHeld(locks) && reader_.copy(std::move(threads), snapshot_);
       tracer.detach();
       const std::chrono::duration<double, std::milli> length = Clock::now() - begin;
