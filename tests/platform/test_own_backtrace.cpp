@@ -34,8 +34,23 @@ struct Stacks {
   return frame[0];
 }
 
+// A sanitizer's own frames come before the ones that were asked about.
+void dropInterceptors(Stacks& stacks) {
+#if defined(QBV_SANITIZED)
+  const auto within = [&](const void* address) {
+    const auto distance = static_cast<const char*>(address) - static_cast<const char*>(stacks.ours[0]);
+    return distance > 0 && distance < 2000;
+  };
+  for (int i = 0; i < 3 && !within(stacks.witness[0]); ++i) stacks.witness.erase(stacks.witness.begin());
+#else
+  static_cast<void>(stacks);
+#endif
+}
+
 // The witness's first address is behind its own call, in the same function.
-void expectSameButFirst(const Stacks& stacks, std::size_t count) {
+void expectSameButFirst(Stacks stacks, std::size_t count) {
+  ASSERT_FALSE(stacks.ours.empty());
+  dropInterceptors(stacks);
   ASSERT_GE(stacks.witness.size(), count);
   ASSERT_EQ(stacks.ours.size(), count);
   for (std::size_t i = 1; i < count; ++i) EXPECT_EQ(stacks.ours[i], stacks.witness[i]) << "frame " << i;
@@ -49,7 +64,8 @@ TEST(OwnBacktrace, FindsTheSameFramesAsTheCLibrary) {
   Stacks stacks;
   descend(12, stacks, 64);
   ASSERT_GT(stacks.ours.size(), 14U);
-  expectSameButFirst(stacks, std::min<std::size_t>(stacks.witness.size(), 64));
+  expectSameButFirst(stacks, std::min<std::size_t>(stacks.ours.size(), 64));
+  EXPECT_GE(stacks.ours.size() + 2, stacks.witness.size()) << "to the outermost frame";
 }
 
 TEST(OwnBacktrace, ReachesBeyondItsFirstCopyAndStopsWhereTheRoomEnds) {
