@@ -122,7 +122,8 @@ Roots findRoots(const Memory& memory, const Heap& heap) {
   addStacksOfDescriptors(memory, excluded, roots.words);
   addMainStack(memory, excluded);
   for (const Mapping& mapping : snapshot.mappings)
-    if (mapping.name.starts_with("[anon:quib")) excluded.push_back(mapping.range);
+    if (mapping.name.starts_with("[anon:quib") || mapping.name.starts_with("[anon:QB"))
+      excluded.push_back(mapping.range);
   excluded = merged(std::move(excluded));
   for (const Mapping& mapping : snapshot.mappings)
     if (mapping.readable)
