@@ -28,6 +28,7 @@ void addRunCommand(CLI::App& app, Context& context);
 void addPostCommand(CLI::App& app, Context& context);
 void addReportsCommand(CLI::App& app, Context& context);
 void addShowCommand(CLI::App& app, Context& context);
+void addStacksCommand(CLI::App& app, Context& context);
 void addDoctorCommand(CLI::App& app, Context& context);
 
 }  // namespace qbv::cli

@@ -19,6 +19,11 @@ _quibvitalscope_files() {
   [ -d "$root" ] && (cd "$root" && compgen -f -X '!*.hang' -- "$1"; compgen -d -S / -- "$1")
 }
 
+_quibvitalscope_stack_files() {
+  local root="$HOME/Library/Logs/quibapp/Diagnostic"
+  [ -d "$root" ] && (cd "$root" && compgen -f -X '!*.mmap' -- "$1"; compgen -d -S / -- "$1")
+}
+
 # Where the program of "run" begins: behind "--", or the first word that is neither an option nor its value.
 _quibvitalscope_program_word() {
   local i
@@ -54,7 +59,7 @@ _quibvitalscope() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   if [ "$COMP_CWORD" = 1 ]; then
-    _quibvitalscope_words "run post reports show doctor --help --version" "$current"
+    _quibvitalscope_words "run post reports show stacks doctor --help --version" "$current"
     return
   fi
   case ${COMP_WORDS[1]} in
@@ -78,6 +83,18 @@ _quibvitalscope() {
         *,-*) _quibvitalscope_words "--json --color --help" "$current" ;;
         *)
           mapfile -t COMPREPLY < <(compgen -f -- "$current"; _quibvitalscope_files "$current")
+          compopt -o filenames 2>/dev/null ;;
+      esac ;;
+    stacks)
+      case $previous,$current in
+        --color,*) _quibvitalscope_words "auto always never" "$current" ;;
+        --by,*) _quibvitalscope_words "bytes count" "$current" ;;
+        --report,*)
+          mapfile -t COMPREPLY < <(compgen -f -- "$current"; _quibvitalscope_files "$current")
+          compopt -o filenames 2>/dev/null ;;
+        *,-*) _quibvitalscope_words "--report --by --top --json --folded --color --help" "$current" ;;
+        *)
+          mapfile -t COMPREPLY < <(compgen -f -- "$current"; _quibvitalscope_stack_files "$current")
           compopt -o filenames 2>/dev/null ;;
       esac ;;
     doctor) _quibvitalscope_words "--json --help" "$current" ;;
