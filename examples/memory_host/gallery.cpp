@@ -9,13 +9,14 @@ namespace {
 
 constexpr std::size_t kMegabyte = 1024 * 1024;
 constexpr std::size_t kPage = 4096;
-constexpr std::uint64_t kOwnFrames = 1;  // takePixels and below do not tell who wanted the memory
+constexpr std::uint64_t kLibraryFrames = 2;  // recordMallocStack and what it calls
 
 __attribute__((noinline)) void takePixels(std::size_t bytes) {
   auto* const pixels = static_cast<unsigned char*>(std::malloc(bytes));
   if (pixels == nullptr) return;
   for (std::size_t offset = 0; offset < bytes; offset += kPage) pixels[offset] = 255;
-  recordMallocStack(reinterpret_cast<std::uintptr_t>(pixels), static_cast<std::uint32_t>(bytes), kOwnFrames);
+  recordMallocStack(reinterpret_cast<std::uintptr_t>(pixels), static_cast<std::uint32_t>(bytes),
+                    kLibraryFrames);
 }
 
 }  // namespace
