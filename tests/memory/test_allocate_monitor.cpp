@@ -138,20 +138,20 @@ class HungryTask final : public qbv::Task {
 };
 
 TEST_F(AllocateMonitorTest, AnAllocationOfTheReportIsCountedAndNotReported) {
-  HungryTask& task = *new HungryTask(scripted);
-  auto& areas = *new qbv::Platform{task,
-                                   scripted.images,
-                                   scripted.runtime,
-                                   scripted.dispatch,
-                                   scripted.runLoop,
-                                   scripted.notifications,
-                                   scripted.processes,
-                                   scripted.files,
-                                   scripted.clock,
-                                   scripted.dates,
-                                   scripted.log,
-                                   scripted.hostInfo,
-                                   heap};
+  static HungryTask& task = *new HungryTask(scripted);
+  static auto& areas = *new qbv::Platform{task,
+                                          scripted.images,
+                                          scripted.runtime,
+                                          scripted.dispatch,
+                                          scripted.runLoop,
+                                          scripted.notifications,
+                                          scripted.processes,
+                                          scripted.files,
+                                          scripted.clock,
+                                          scripted.dates,
+                                          scripted.log,
+                                          scripted.hostInfo,
+                                          heap};
   const qbv::ScopedPlatform installed(areas);
   QBAllocateMemoryMonitor::sharedInstance()->startMonitor();
   errno = EINTR;
