@@ -64,6 +64,8 @@ TEST_F(ObjectCountTest, CountsCallsThatReachTheRoot) {
   EXPECT_EQ(count(), 1);
   EXPECT_EQ(alloc(classOf("Own")), classOf("Own"));
   EXPECT_EQ(count(), 1);
+  dealloc(leftOver);
+  EXPECT_EQ(count(), 0);
 }
 
 TEST_F(ObjectCountTest, StaysAtZeroAndCountsOnFromThere) {
