@@ -7,10 +7,12 @@
 int main() {
   qbv::Runtime& runtime = qbv::platform().runtime;
   qbv::ClassDefinition profile(runtime, "OutsideProfile");
-  profile.method("getEmail", +[](qbv::id, qbv::SEL) -> const char* { return "someone@" QBV_MAIL_DOMAIN; });
+  profile.method(
+      "getEmail", +[](qbv::id, qbv::SEL) -> const char* { return "someone@" QBV_MAIL_DOMAIN; });
   static qbv::id person = profile.instance();
   qbv::ClassDefinition(runtime, "QBKXAppInterfaceAdapter")
-      .classMethod("sharedUserProfileInstance", +[](qbv::id, qbv::SEL) { return person; });
+      .classMethod(
+          "sharedUserProfileInstance", +[](qbv::id, qbv::SEL) { return person; });
   std::printf("internal %d, keeps logs %d\n", QBVTool::isInternalAccount(), QBVTool::isLogVersion());
   return 0;
 }

@@ -7,7 +7,8 @@
 int main() {
   qbv::ScriptedPlatform scripted;
   qbv::ClassDefinition(qbv::platform().runtime, "NSBundle")
-      .classMethod("isLogVersion", +[](qbv::id, qbv::SEL) { return true; });
+      .classMethod(
+          "isLogVersion", +[](qbv::id, qbv::SEL) { return true; });
   std::printf("keeps logs %d\n", QBVTool::isLogVersion());
   return 0;
 }

@@ -2,7 +2,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-static int compare(const void* left, const void* right) { return memcmp(left, right, 1); }
+static int compare(const void* left, const void* right) {
+  return memcmp(left, right, 1);
+}
 
 int unwind_lazy_sort(char* bytes, unsigned long size, void (*inside)(void)) {
   if (inside != 0) inside();

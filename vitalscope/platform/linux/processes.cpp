@@ -102,7 +102,8 @@ class LinuxProcesses final : public Processes {
   void openFile(const std::string& path) override {
     const auto output = runBash({"/bin/bash", "-c", openerScript, "open", path}, POSIX_SPAWN_SETSID);
     if (output == "" || failureLogged_.exchange(true)) return;
-    qbv::platform().log.NSLog("QuibVitalscope: cannot open " + path + ": found no program to open files with");
+    qbv::platform().log.NSLog("QuibVitalscope: cannot open " + path +
+                              ": found no program to open files with");
   }
 
  private:

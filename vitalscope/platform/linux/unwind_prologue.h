@@ -8,8 +8,8 @@
 
 namespace qbv::linux_backend {
 
-// Distances from the stack pointer up to the frame pointer, in bytes; each may be the right one, and the first
-// is the one that a plain reading of the instructions gives.
+// Distances from the stack pointer up to the frame pointer, in bytes; each may be the right one, and the
+// first is the one that a plain reading of the instructions gives.
 class FrameSizes {
  public:
   static constexpr std::size_t kMost = 48;
