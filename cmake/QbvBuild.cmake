@@ -12,6 +12,8 @@ target_compile_options(qbv_plain_settings INTERFACE
 add_library(qbv_build_settings INTERFACE)
 target_link_libraries(qbv_build_settings INTERFACE qbv_plain_settings)
 if(QBV_SANITIZE)
+  # The sanitizers' own instrumentation makes the compiler see uninitialized variants where there are none.
+  target_compile_options(qbv_build_settings INTERFACE $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-maybe-uninitialized>)
   target_compile_options(qbv_build_settings INTERFACE -fsanitize=${QBV_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(qbv_build_settings INTERFACE -fsanitize=${QBV_SANITIZE})
   target_compile_definitions(qbv_build_settings INTERFACE QBV_SANITIZED=1)
