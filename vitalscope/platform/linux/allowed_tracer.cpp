@@ -26,8 +26,8 @@ bool onlyAncestorsMayTrace() {
 AllowedTracer::AllowedTracer() : given_(onlyAncestorsMayTrace()) {
   if (!given_) return;
   const std::lock_guard lock(gLock);
-  // The permission covers the named process and whatever descends from it: naming ourselves, before the child exists,
-  // leaves no moment in which the child would be refused.
+  // The permission covers the named process and whatever descends from it: naming ourselves, before the child
+  // exists, leaves no moment in which the child would be refused.
   if (gGiven++ == 0) ::prctl(PR_SET_PTRACER, ::getpid(), 0, 0, 0);
 }
 
