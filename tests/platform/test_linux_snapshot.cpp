@@ -21,6 +21,7 @@
 #include "tests/platform/test_threads.h"
 #include "vitalscope/platform/linux/areas.h"
 #include "vitalscope/platform/linux/blocked_thread.h"
+#include "vitalscope/platform/linux/call_restart.h"
 #include "vitalscope/platform/linux/frame_records.h"
 #include "vitalscope/platform/linux/signal_action.h"
 #include "vitalscope/platform/linux/snapshot_signal.h"
@@ -463,6 +464,40 @@ TEST(Snapshot, KeptMemoryStaysSmall) {
   const std::uint64_t before = footprint();
   for (int i = 0; i < 20; ++i) EXPECT_FALSE(stackOfPatiently(thread.port()).empty());
   EXPECT_LT(footprint(), before + (test::kSanitized ? 8 << 20 : 300 * 1024));
+}
+
+// The kernel's lines of waits, and whether our signal may strike them.
+TEST(CallRestart, OnlyWaitsThatTheKernelTakesUpAgainMayBeSignalled) {
+  int pipes[2], sockets[2];
+  ASSERT_EQ(pipe(pipes), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+  const auto survives = [](long number, long first = 0, long second = 0, long fourth = 0) {
+    char text[256];
+    std::snprintf(text, sizeof text, "%ld 0x%lx 0x%lx 0x0 0x%lx 0x0 0x0 0x7ffe0000 0x400000\n", number, first,
+                  second, fourth);
+    const SystemCallLine line = parseSystemCallLine(text);
+    EXPECT_EQ(line.state, SystemCallLine::State::blocked);
+    EXPECT_EQ(line.stackPointer, 0x7ffe0000u);
+    return waitSurvivesSignal(line);
+  };
+  constexpr long kPrivateWait = 128, kBitsetWait = 9, kRealTime = 256;
+  EXPECT_TRUE(survives(SYS_futex, 0x1000, kPrivateWait, 0));
+  EXPECT_TRUE(survives(SYS_futex, 0x1000, kBitsetWait | kPrivateWait | kRealTime, 0));
+  EXPECT_FALSE(survives(SYS_futex, 0x1000, kPrivateWait, 0x7ffe1000));
+  EXPECT_FALSE(survives(SYS_futex, 0x1000, kBitsetWait | kPrivateWait, 0x7ffe1000));
+  EXPECT_TRUE(survives(SYS_read, pipes[0]));
+  EXPECT_FALSE(survives(SYS_read, sockets[0])) << "it may have a time limit";
+  EXPECT_TRUE(survives(SYS_wait4, -1));
+  for (const long number :
+       {SYS_ppoll,           SYS_pselect6,       SYS_epoll_pwait,    SYS_epoll_pwait2,    SYS_nanosleep,
+        SYS_clock_nanosleep, SYS_recvfrom,       SYS_recvmsg,        SYS_recvmmsg,        SYS_sendto,
+        SYS_sendmsg,         SYS_accept,         SYS_accept4,        SYS_connect,         SYS_msgrcv,
+        SYS_msgsnd,          SYS_semop,          SYS_semtimedop,     SYS_rt_sigtimedwait, SYS_rt_sigsuspend,
+        SYS_io_getevents,    SYS_io_uring_enter, SYS_restart_syscall}) {
+    EXPECT_FALSE(survives(number)) << number;
+  }
+  EXPECT_TRUE(waitSurvivesSignal(parseSystemCallLine("-1 0x7ffe0000 0x400000")));
+  for (const int end : {pipes[0], pipes[1], sockets[0], sockets[1]}) close(end);
 }
 
 TEST(FrameRecords, AllReturnAddressesAreListedByAWalk) {
