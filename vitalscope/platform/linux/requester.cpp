@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 
+#include <cstring>
 #include <new>
 
 #include "vitalscope/platform/linux/process_identity.h"
@@ -11,12 +12,16 @@ namespace qbv::linux_backend {
 
 namespace {
 
+// For reading the records wherever a signal may have struck, where pthread_getspecific will not do.
+constinit thread_local FrameRecords* ownRecords __attribute__((tls_model("initial-exec"))) = nullptr;
+
 void* mapPages(std::size_t bytes) {
   void* const pages = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   return pages == MAP_FAILED ? nullptr : pages;
 }
 
 void discard(void* requester) {
+  ownRecords = nullptr;
   static_cast<Requester*>(requester)->endBatch();
   munmap(requester, sizeof(Requester));
 }
@@ -43,7 +48,10 @@ Requester* Requester::current() {
   void* const pages = requesterKey().made ? mapPages(sizeof(Requester)) : nullptr;
   if (pages == nullptr) return nullptr;
   auto* const made = new (pages) Requester;
-  if (pthread_setspecific(requesterKey().key, made) == 0) return made;
+  if (pthread_setspecific(requesterKey().key, made) == 0) {
+    ownRecords = &made->records_;
+    return made;
+  }
   munmap(pages, sizeof(Requester));
   return nullptr;
 }
@@ -97,6 +105,14 @@ KernReturn Requester::state(ThreadPort thread, ThreadState& state) {
   state.fp = layOut(captured->chain, records_);
   shown_ = thread;
   return KERN_SUCCESS;
+}
+
+bool Requester::copyFromRecords(std::uint64_t address, std::size_t size, void* buffer) {
+  const std::uint64_t offset = address - reinterpret_cast<std::uint64_t>(ownRecords);
+  if (ownRecords == nullptr || offset > sizeof *ownRecords || size > sizeof *ownRecords - offset)
+    return false;
+  std::memcpy(buffer, reinterpret_cast<const std::byte*>(ownRecords) + offset, size);
+  return true;
 }
 
 KernReturn Requester::pin(ThreadPort thread) {

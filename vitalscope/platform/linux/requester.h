@@ -28,6 +28,9 @@ class Requester {
   // Task::thread_get_state.
   KernReturn state(ThreadPort thread, ThreadState& state);
 
+  // Copies from the calling thread's records; false when not all of it lies there. Async-signal-safe.
+  static bool copyFromRecords(std::uint64_t address, std::size_t size, void* buffer);
+
   // Task::thread_suspend and thread_resume: the records of the snapshot taken last cannot change before this
   // thread takes the next one, so all there is to do is to tell whether they are that thread's. No lock.
   KernReturn pin(ThreadPort thread);

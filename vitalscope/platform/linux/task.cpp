@@ -70,7 +70,8 @@ class LinuxTask final : public Task {
 
   KernReturn vm_read_overwrite(std::uint64_t address, std::size_t size, void* buffer,
                                std::size_t* copied) override {
-    const std::size_t done = safeRead(address, size, buffer);
+    const bool ours = Requester::copyFromRecords(address, size, buffer);
+    const std::size_t done = ours ? size : safeRead(address, size, buffer);
     if (copied != nullptr) *copied = done;
     return done == size ? KERN_SUCCESS : KERN_INVALID_ADDRESS;
   }

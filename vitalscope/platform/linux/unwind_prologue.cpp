@@ -32,6 +32,7 @@ std::int64_t numberAt(Code code, std::size_t at) {
 
 // By how much the instruction that may begin here lowers the stack pointer; 0: it does not.
 std::int64_t lowering(Code code) {
+  if ((code[0] & 0xfaU) != 0x48) return 0;
   if (startsWith(code, {0x48, 0x83, 0xec})) return byteAt(code, 3);           // sub rsp, n
   if (startsWith(code, {0x48, 0x81, 0xec})) return numberAt(code, 3);         // sub rsp, n
   if (startsWith(code, {0x48, 0x83, 0xc4})) return -byteAt(code, 3);          // add rsp, -n
