@@ -2,6 +2,7 @@
 
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 #include <optional>
@@ -25,9 +26,10 @@ constexpr std::uint64_t kAnswerTime = 1000 * kMillisecond;
 constexpr std::uint64_t kAnswerTimeForEachOther = 20 * kMillisecond;
 constexpr std::uint64_t kMaskedTime = 50 * kMillisecond;
 // A thread that has worked this long without a pause is not about to begin one.
-constexpr std::uint64_t kAtWork = 50 * kMicrosecond;
-constexpr std::uint64_t kWatched = 200 * kMillisecond;
+constexpr std::uint64_t kAtWork = 1000 * kMicrosecond;
+constexpr std::uint64_t kWatched = 1000 * kMillisecond;
 constexpr std::uint64_t kWatchedWithoutNap = 200 * kMicrosecond;
+constexpr std::uint64_t kSlotTime = 200 * kMillisecond;
 constexpr int kLooks = 8;
 
 using Scratch = std::span<std::byte, kFirstCopy>;
@@ -104,22 +106,24 @@ class WatchedThread {
     thread_.emplace(item.thread);
     stage_ = Stage::watched;
     workedSince_.reset();
-    watch(scratch, false);
+    watch(scratch);
   }
 
-  // One more look. overdue: it may not be at work, but has had its time.
-  void watch(Scratch scratch, bool overdue) {
+  // One more look.
+  void watch(Scratch scratch) {
     switch (takeBlocked(*thread_, *item_, scratch, false)) {
       case Look::taken:
         return enter(Stage::finished);
       case Look::outOfReach:
         return takeWhatCanBeFound(scratch);
       case Look::running:
-        if (mayBeSignalled(overdue)) signal();
-        return;
+        return isAtWork() ? signal(Look::running) : void();
+      case Look::needsRegisters:
+        status_ = statusOf(item_->thread);
+        return signal(Look::needsRegisters);
       default:
         status_ = statusOf(item_->thread);
-        return signal();
+        return signal(Look::unknown);
     }
   }
 
@@ -135,7 +139,7 @@ class WatchedThread {
   void collectMasked(Scratch scratch, std::uint64_t deadline) {
     for (; isMasked(); napFor(kMillisecond / 4)) {
       const bool late = monotonicNow() >= deadline;
-      watch(scratch, true);
+      watch(scratch);
       if (isSignalled()) return collect(scratch, monotonicNow() + kAnswerTime);
       if (late) return takeWhatCanBeFound(scratch);
     }
@@ -156,26 +160,33 @@ class WatchedThread {
     if (stage == Stage::finished) thread_.reset();
   }
 
-  // True when it was just seen running and has worked for a while without a pause. The file that counts
-  // pauses is slow to read, so it is read only when the time has come.
-  bool mayBeSignalled(bool overdue) {
+  // Whether it has worked for a while without a pause, or is none to be signalled anyway. The file that
+  // counts pauses is slow to read, so it is read only when the time has come.
+  bool isAtWork() {
     const auto cpu = thread_->cpuAtLook();
-    if (!overdue && cpu && workedSince_ && *cpu < *workedSince_ + kAtWork) return false;
+    if (cpu && workedSince_ && *cpu < *workedSince_ + kAtWork) return false;
     const std::uint64_t pauses = status_.pauses;
     status_ = statusOf(item_->thread);
     if (status_.reach != Reach::bySignal) return true;
     const bool atWork = workedSince_ && pauses == status_.pauses;
-    workedSince_ = cpu;
-    return (overdue || atWork) && thread_->look().state == SystemCallLine::State::running;
+    // Whatever it works from here on comes after the pauses that were counted.
+    thread_->look();
+    workedSince_ = thread_->cpuAtLook();
+    return atWork;
   }
 
-  // As its status says; it stays watched when every slot is in use.
-  void signal() {
+  // As its status says. Stays watched when every slot is in use, or when it is no longer as it was: nothing
+  // else may come between that last look and the signal.
+  void signal(Look seen) {
     if (status_.reach == Reach::ended) return enter(Stage::finished);
     if (status_.reach == Reach::masked) return enter(Stage::masked);
-    const StackSnapshot::Request request = snapshot_.request(item_->thread);
-    if (request == StackSnapshot::Request::sent) enter(Stage::signalled);
-    if (request == StackSnapshot::Request::failed) enter(Stage::finished);
+    const StackSnapshot::Request slot = snapshot_.prepare(item_->thread);
+    if (slot == StackSnapshot::Request::noSlot) return;
+    const bool asBefore = seen == Look::running ? thread_->look().state == SystemCallLine::State::running
+                                                : seen == Look::unknown || thread_->unmoved();
+    if (slot == StackSnapshot::Request::prepared && !asBefore) return snapshot_.release();
+    const bool sent = slot == StackSnapshot::Request::prepared && snapshot_.send();
+    enter(sent ? Stage::signalled : Stage::finished);
   }
 
   CapturedThread* item_ = nullptr;
@@ -212,36 +223,36 @@ class Round {
       if (thread.isMasked()) thread.collectMasked(scratch_, now + kMaskedTime);
     }
     for (WatchedThread& thread : places()) {
-      if (thread.isWatched()) collectLate(thread, monotonicNow() + kWatched);
+      if (thread.isWatched()) collectLate(thread, now + kSlotTime);
     }
   }
 
  private:
   std::span<WatchedThread> places() { return std::span(places_).first(count_); }
 
-  bool lookAtAll(bool overdue) {
+  bool lookAtAll() {
     bool someLeft = false;
     for (WatchedThread& thread : places()) {
-      if (thread.isWatched()) thread.watch(scratch_, overdue);
+      if (thread.isWatched()) thread.watch(scratch_);
       someLeft = someLeft || thread.isWatched();
     }
     return someLeft;
   }
 
+  // One that gets no processor could not answer a signal either.
   void watchAll() {
     const std::uint64_t begin = monotonicNow();
-    while (lookAtAll(false)) {
+    while (lookAtAll()) {
       const std::uint64_t watched = monotonicNow() - begin;
       if (watched >= kWatched) break;
-      if (watched >= kWatchedWithoutNap) napFor(kMillisecond / 8);
+      if (watched >= kWatchedWithoutNap) napFor(std::max(kMillisecond / 8, watched / 16));
     }
-    lookAtAll(true);
   }
 
   // Others held every slot; they give them back without waiting for anybody.
   void collectLate(WatchedThread& thread, std::uint64_t deadline) {
     for (; thread.isWatched() && monotonicNow() < deadline; napFor(kMillisecond)) {
-      thread.watch(scratch_, true);
+      thread.watch(scratch_);
     }
     if (thread.isSignalled()) return thread.collect(scratch_, monotonicNow() + kAnswerTime);
     if (thread.isMasked()) return thread.collectMasked(scratch_, monotonicNow() + kMaskedTime);

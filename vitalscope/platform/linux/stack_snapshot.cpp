@@ -61,21 +61,33 @@ std::uint64_t monotonicNow() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-StackSnapshot::Request StackSnapshot::request(std::uint32_t thread) {
+StackSnapshot::Request StackSnapshot::prepare(std::uint32_t thread) {
   release();
-  const int signal = snapshotSignal();
-  if (signal == 0) return Request::failed;
+  signal_ = snapshotSignal();
+  if (signal_ == 0) return Request::failed;
   slot_ = claimSlot();
   if (slot_ == nullptr) return Request::noSlot;
   thread_ = thread;
   slot_->stackSize = 0;
-  if (mapBuffer(*slot_)) {
-    slot_->word.store(slotWord(thread, SlotPhase::pending), std::memory_order_release);
-    if (sendSnapshotSignal(signal, thread, slot_)) return Request::sent;
+  if (!mapBuffer(*slot_)) {
+    giveUp();
+    return Request::failed;
   }
+  slot_->word.store(slotWord(thread, SlotPhase::pending), std::memory_order_release);
+  return Request::prepared;
+}
+
+bool StackSnapshot::send() {
+  if (sendSnapshotSignal(signal_, thread_, slot_)) return true;
   // A late signal for an earlier request of this slot and thread may be serving it all the same.
   giveUp();
-  return Request::failed;
+  return false;
+}
+
+StackSnapshot::Request StackSnapshot::request(std::uint32_t thread) {
+  const Request prepared = prepare(thread);
+  if (prepared != Request::prepared) return prepared;
+  return send() ? Request::sent : Request::failed;
 }
 
 bool StackSnapshot::await(std::uint64_t deadline) {

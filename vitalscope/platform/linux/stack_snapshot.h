@@ -15,15 +15,19 @@ std::uint64_t monotonicNow();
 // signal handlers. Any number of requesters may want the same thread.
 class StackSnapshot {
  public:
-  enum class Request { sent, noSlot, failed };
+  enum class Request { prepared, sent, noSlot, failed };
 
   StackSnapshot() = default;
   ~StackSnapshot() { release(); }
   StackSnapshot(const StackSnapshot&) = delete;
   StackSnapshot& operator=(const StackSnapshot&) = delete;
 
-  // Signals the thread. noSlot when all slots are in use; failed when the thread is gone or there is no
-  // signal.
+  // Takes a slot, so that nothing is left to do but to send. noSlot when all slots are in use; failed when
+  // there is no signal, or no memory for the slot.
+  Request prepare(std::uint32_t thread);
+  // Signals the thread; false when it is gone. After prepare has answered prepared.
+  bool send();
+  // Both; prepared is not among the answers.
   Request request(std::uint32_t thread);
 
   // Waits until the thread has answered; false at the deadline (monotonicNow), or sooner when the thread has
@@ -41,6 +45,7 @@ class StackSnapshot {
 
   SnapshotSlot* slot_ = nullptr;
   std::uint32_t thread_ = 0;
+  int signal_ = 0;
 };
 
 }  // namespace qbv::linux_backend
