@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <span>
 #include <type_traits>
 #include <utility>
@@ -60,9 +61,16 @@ class PageVector {
     void* grown = nullptr;
     if (data_ == nullptr) {
       grown = takePages(capacity * sizeof(T));
+#if defined(__SANITIZE_THREAD__)
+      // That sanitizer does not see mremap, and takes the place for another thread's.
+    } else if ((grown = takePages(capacity * sizeof(T))) != nullptr) {
+      std::memcpy(grown, data_, size_ * sizeof(T));
+      munmap(data_, capacity_ * sizeof(T));
+#else
     } else {
       grown = mremap(data_, capacity_ * sizeof(T), capacity * sizeof(T), MREMAP_MAYMOVE);
       if (grown == MAP_FAILED) grown = nullptr;
+#endif
     }
     if (grown == nullptr) return false;
     data_ = static_cast<T*>(grown);
