@@ -2,7 +2,8 @@
 
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
-REPEAT ?= 1
+# How often a test is run: `REPEAT=until-fail:50` looks for one that fails now and then.
+REPEAT ?= until-fail:1
 
 SOURCES = $(shell git ls-files '*.h' '*.cpp' '*.c')
 
@@ -23,13 +24,13 @@ test:
 	scripts/setup test
 	cmake --preset dev >/dev/null
 	cmake --build --preset dev -j $(JOBS)
-	ctest --preset dev -j $(JOBS) --repeat until-fail:$(REPEAT)
+	ctest --preset dev -j $(JOBS) --repeat $(REPEAT)
 
 test-asan test-tsan: test-%:
 	scripts/setup test
 	cmake --preset $* >/dev/null
 	cmake --build --preset $* -j $(JOBS)
-	ctest --preset $* -j $(JOBS)
+	ctest --preset $* -j $(JOBS) --repeat $(REPEAT)
 
 bench:
 	scripts/setup bench
