@@ -20,15 +20,15 @@ namespace qbv::linux_backend {
 
 namespace {
 
-constexpr std::uint64_t kMicrosecond = 1'000;
 constexpr std::uint64_t kMillisecond = 1'000'000;
 constexpr std::uint64_t kAnswerTime = 1000 * kMillisecond;
 constexpr std::uint64_t kAnswerTimeForEachOther = 20 * kMillisecond;
 constexpr std::uint64_t kMaskedTime = 50 * kMillisecond;
-// A thread that has worked this long without a pause is not about to begin one.
-constexpr std::uint64_t kAtWork = 1000 * kMicrosecond;
+// A thread that has worked this long without a pause is hardly about to begin one. Time that a virtual
+// machine was not given counts as work too, which is why it is not shorter.
+constexpr std::uint64_t kAtWork = 5 * kMillisecond;
 constexpr std::uint64_t kWatched = 1000 * kMillisecond;
-constexpr std::uint64_t kWatchedWithoutNap = 200 * kMicrosecond;
+constexpr std::uint64_t kWatchedWithoutNap = kMillisecond / 5;
 constexpr std::uint64_t kSlotTime = 200 * kMillisecond;
 constexpr int kLooks = 8;
 
