@@ -10,6 +10,7 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -81,6 +82,7 @@ class Control : public testing::Test {
     server_ = std::make_unique<ControlServer>(
         std::move(listener),
         qbv::control::Requests{[this](const std::string& name, const Value& info) {
+                                 const std::lock_guard lock(postedLock_);
                                  posted_.push_back(name + info.jsonText().value_or(""));
                                },
                                [this] { return status_; }},
@@ -88,9 +90,15 @@ class Control : public testing::Test {
     thread_ = std::thread([this] { server_->serve(); });
   }
 
+  std::vector<std::string> posted() {
+    const std::lock_guard lock(postedLock_);
+    return posted_;
+  }
+
   qbv::TemporaryFolder runtime_;
   std::optional<SocketFolder> folder_;
   Value status_ = Value::Dictionary{{"pid", 7}};
+  std::mutex postedLock_;
   std::vector<std::string> posted_;
   int listener_ = -1;
   std::unique_ptr<ControlServer> server_;
@@ -109,7 +117,7 @@ TEST_F(Control, ClientPostsAndAsksForTheStatus) {
   EXPECT_EQ(error, "unknown request");
   EXPECT_FALSE(client->request(Value("text"), error));
   EXPECT_EQ(client->status(error), status_) << "a refused request is not the end";
-  EXPECT_THAT(posted_, ElementsAre(R"(user_leaks_detect{"enable_leaks_detect":true})", "plain"));
+  EXPECT_THAT(posted(), ElementsAre(R"(user_leaks_detect{"enable_leaks_detect":true})", "plain"));
   EXPECT_THAT(qbv::control::listeningProcesses(), ElementsAre(7));
 }
 
@@ -129,7 +137,7 @@ TEST_F(Control, AnswersEveryLineInOrderAndSaysWhatIsWrong) {
   client.finishSending();
   EXPECT_EQ(client.hear(), R"({"ok":true})");
   EXPECT_EQ(client.hear(), "");
-  EXPECT_THAT(posted_, ElementsAre("a", "last"));
+  EXPECT_THAT(posted(), ElementsAre("a", "last"));
 }
 
 TEST_F(Control, RefusesLongMessagesAndStaysThereForOthers) {
@@ -145,7 +153,7 @@ TEST_F(Control, RefusesLongMessagesAndStaysThereForOthers) {
   const std::string name(qbv::control::kMaximumMessageBytes - 13, 'x');
   client.say("{\"post\": \"" + name + "\"}\n");
   EXPECT_EQ(client.hear(), R"({"ok":true})");
-  EXPECT_THAT(posted_, ElementsAre(name));
+  EXPECT_THAT(posted(), ElementsAre(name));
 }
 
 TEST_F(Control, RefusesWhoComesWhenTooManyAreThere) {
@@ -251,7 +259,7 @@ TEST_F(Control, AnotherUserIsNotHeard) {
   }
   ASSERT_EQ(waitpid(second, &status, 0), second);
   EXPECT_EQ(status, 0);
-  EXPECT_TRUE(posted_.empty());
+  EXPECT_TRUE(posted().empty());
 }
 
 }  // namespace
