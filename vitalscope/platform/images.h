@@ -46,13 +46,33 @@ struct uuid_command {
   std::uint32_t cmd, cmdsize;
   std::uint8_t uuid[16];
 };
+struct section_64 {
+  char sectname[16], segname[16];
+  std::uint64_t addr, size;
+  std::uint32_t offset, align, reloff, nreloc, flags, reserved1, reserved2, reserved3;
+};
+struct dysymtab_command {
+  std::uint32_t cmd, cmdsize, ilocalsym, nlocalsym, iextdefsym, nextdefsym, iundefsym, nundefsym, tocoff,
+      ntoc, modtaboff, nmodtab, extrefsymoff, nextrefsyms, indirectsymoff, nindirectsyms, extreloff, nextrel,
+      locreloff, nlocrel;
+};
 struct nlist_64 {
   std::uint32_t n_strx;
   std::uint8_t n_type, n_sect;
   std::uint16_t n_desc;
   std::uint64_t n_value;
 };
-static_assert(sizeof(mach_header_64) == 32 && sizeof(segment_command_64) == 72 && sizeof(nlist_64) == 16);
+static_assert(sizeof(mach_header_64) == 32 && sizeof(segment_command_64) == 72 && sizeof(nlist_64) == 16 &&
+              sizeof(section_64) == 80 && sizeof(dysymtab_command) == 80);
+
+// Section types (low byte of a section's flags) and marks of the indirect symbol table.
+inline constexpr std::uint32_t S_NON_LAZY_SYMBOL_POINTERS = 6;
+inline constexpr std::uint32_t S_LAZY_SYMBOL_POINTERS = 7;
+inline constexpr std::uint32_t INDIRECT_SYMBOL_LOCAL = 0x80000000;
+inline constexpr std::uint32_t INDIRECT_SYMBOL_ABS = 0x40000000;
+inline constexpr int VM_PROT_READ = 0x1;
+inline constexpr int VM_PROT_WRITE = 0x2;
+inline constexpr int VM_PROT_COPY = 0x10;
 
 // All operations: any thread, not in signal handlers. Look-ups take no lock and allocate nothing, except
 // where said. An index names the same image as long as that image is loaded; the place of an image that was
