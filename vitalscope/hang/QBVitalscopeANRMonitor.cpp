@@ -11,7 +11,8 @@ QBVitalscopeANRMonitor* QBVitalscopeANRMonitor::sharedInstance() {
   return instance;
 }
 
-QBVitalscopeANRMonitor::QBVitalscopeANRMonitor() {
+QBVitalscopeANRMonitor::QBVitalscopeANRMonitor()
+    : ticks_(qbv::queueLabel("mainthread.monitor"), 1.0, [this] { handleANRMonitor(); }) {
   qbv::NotificationCentre& machine = platform().notifications.workspaceCenter();
   machine.addObserver(qbv::NSWorkspaceWillSleepNotification,
                       [this](const qbv::Notification&) { machineWillSleepNotification(); });
@@ -25,60 +26,18 @@ QBVitalscopeANRMonitor::QBVitalscopeANRMonitor() {
 }
 
 void QBVitalscopeANRMonitor::start() {
-  qbv::DispatchTimerRef fresh;
-  {
-    const std::lock_guard lock(timerLock_);
-    if (isStart()) return;
-    timer_.reset();
-    fresh = timer();
-    isStart_.store(true, std::memory_order_relaxed);
-  }
-  // Outside the lock: the first tick comes at once and may stop the monitor.
-  platform().dispatch.dispatch_resume(fresh);
+  ticks_.start();
 }
 
 void QBVitalscopeANRMonitor::stop() {
-  const std::lock_guard lock(timerLock_);
-  dropTimer();
-}
-
-void QBVitalscopeANRMonitor::stopUnlessAwake() {
-  const std::lock_guard lock(timerLock_);
-  if (!isApplicationInActive()) dropTimer();
-}
-
-void QBVitalscopeANRMonitor::dropTimer() {
-  if (timer_ == nullptr) return;
-  platform().dispatch.dispatch_source_cancel(timer_);
-  timer_.reset();
-  isStart_.store(false, std::memory_order_relaxed);
-}
-
-const qbv::DispatchQueueRef& QBVitalscopeANRMonitor::queue() {
-  if (queue_ == nullptr)
-    queue_ = platform().dispatch.dispatch_queue_create(qbv::queueLabel("mainthread.monitor"),
-                                                       qbv::QueueKind::concurrent);
-  return queue_;
-}
-
-const qbv::DispatchTimerRef& QBVitalscopeANRMonitor::timer() {
-  if (timer_ == nullptr) {
-    qbv::Dispatch& dispatch = platform().dispatch;
-    timer_ = dispatch.dispatch_source_create(queue());
-    const double nanoseconds = watchdogInterval() * static_cast<double>(qbv::NSEC_PER_SEC);
-    dispatch.dispatch_source_set_timer(timer_, static_cast<std::uint64_t>(nanoseconds), 0);
-    dispatch.dispatch_source_set_event_handler(timer_, [this] { handleANRMonitor(); });
-  }
-  return timer_;
+  ticks_.stop();
 }
 
 void QBVitalscopeANRMonitor::handleANRMonitor() {
-  if (tickRuns_.exchange(true, std::memory_order_acquire)) return;
   if (isApplicationInActive())
     saveReportInfoWithReason(check());
   else
-    stopUnlessAwake();
-  tickRuns_.store(false, std::memory_order_release);
+    ticks_.stopUnless(isApplicationInActive_);
 }
 
 QBVitalscopeANRMonitor::Records QBVitalscopeANRMonitor::runTimeANRInfo() const {

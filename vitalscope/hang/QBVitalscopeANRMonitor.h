@@ -11,8 +11,8 @@
 
 #include "vitalscope/hang/QBVMainThreadGuard.h"
 #include "vitalscope/platform/clock.h"
-#include "vitalscope/platform/dispatch.h"
 #include "vitalscope/platform/export.h"
+#include "vitalscope/platform/repeating_timer.h"
 #include "vitalscope/report/QBVReportFunctions.h"
 
 // Once a tick it posts a guard to the main queue and counts the earlier ones that are still unanswered: two
@@ -49,13 +49,16 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
   std::vector<std::string> cpuUseageRecords() const;
 
   // Seconds between ticks; a change counts from the next start. Any thread.
-  double watchdogInterval() const { return watchdogInterval_.load(std::memory_order_relaxed); }
-  void setWatchdogInterval(double seconds) { watchdogInterval_.store(seconds, std::memory_order_relaxed); }
+  double watchdogInterval() const { return ticks_.interval(); }
+  void setWatchdogInterval(double seconds) { ticks_.setInterval(seconds); }
+  // See RepeatingTimer.
+  qbv::DispatchQueueRef queue() { return ticks_.queue(); }
+  qbv::DispatchTimerRef timer() { return ticks_.timer(); }
 
   // State of this moment, for any thread. The machine is awake; the ticks are running; the host is frontmost;
   // ticks with a finding; level of the latest hang (0 after a CPU finding); when a report was last asked for.
   bool isApplicationInActive() const { return isApplicationInActive_.load(std::memory_order_relaxed); }
-  bool isStart() const { return isStart_.load(std::memory_order_relaxed); }
+  bool isStart() const { return ticks_.isStart(); }
   bool appIsActive() const { return appIsActive_.load(std::memory_order_relaxed); }
   std::int64_t anrTimes() const { return anrTimes_.load(std::memory_order_relaxed); }
   std::uint64_t anrLevel() const { return anrLevel_.load(std::memory_order_relaxed); }
@@ -64,8 +67,7 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
   Guards guardsArray() const;
 
  private:
-  // The tick. It lasts as long as the report and the sample that it asks for; one that comes while another
-  // runs does nothing.
+  // The tick. It lasts as long as the report and the sample that it asks for.
   void handleANRMonitor();
   // What this tick finds: nothing, a blocked main thread, or CPU use.
   QBVReportReason check();
@@ -85,18 +87,8 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
   void appLifeCycleResignActiveNotify();
   void appLifeCycleBecomeActiveNotify();
 
-  // For the tick of a sleeping machine: a wake that came meanwhile has the last word.
-  void stopUnlessAwake();
-
-  // For callers that hold timerLock_. The first two are made on first use.
-  const qbv::DispatchQueueRef& queue();
-  const qbv::DispatchTimerRef& timer();
-  void dropTimer();
-
   std::atomic<bool> isApplicationInActive_{true};
-  std::atomic<bool> isStart_{false};
   std::atomic<bool> appIsActive_{false};
-  std::atomic<double> watchdogInterval_{1.0};
   std::atomic<std::int64_t> anrTimes_{0};
   std::atomic<std::uint64_t> anrLevel_{0};
   std::atomic<qbv::AbsoluteTime> lastReportTime_{0};
@@ -104,10 +96,7 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
   int ticksWithoutLoop_ = 0;  // of an active host; ticks only
   bool loopMissed_ = false;   // ticks only
 
-  std::atomic<bool> tickRuns_{false};  // a restarted timer's tick finds the last one of the old timer running
-  std::mutex timerLock_;               // start and stop against each other; the timer and the queue
-  qbv::DispatchTimerRef timer_;
-  qbv::DispatchQueueRef queue_;
+  qbv::RepeatingTimer ticks_;
   mutable std::mutex recordsLock_;  // held for copies and single changes only
   Guards guardsArray_;
   Records anrRecordDict_;

@@ -12,7 +12,9 @@ QBVitalscopeMemoryMonitor* QBVitalscopeMemoryMonitor::sharedInstance() {
   return instance;
 }
 
-QBVitalscopeMemoryMonitor::QBVitalscopeMemoryMonitor() : maxMemoryUsage_(qbv::kOutOfMemoryMegabytes) {
+QBVitalscopeMemoryMonitor::QBVitalscopeMemoryMonitor()
+    : maxMemoryUsage_(qbv::kOutOfMemoryMegabytes),
+      ticks_(qbv::queueLabel("appmemory.monitor"), 1.0, [this] { handleMemoryMonitor(); }) {
   setup();
 }
 
@@ -29,48 +31,15 @@ double QBVitalscopeMemoryMonitor::memoryUsageInProgress() {
 }
 
 void QBVitalscopeMemoryMonitor::start() {
-  qbv::DispatchTimerRef fresh;
-  {
-    const std::lock_guard lock(timerLock_);
-    if (isStart()) return;
-    timer_.reset();
-    fresh = timer();
-    isStart_.store(true, std::memory_order_relaxed);
-  }
-  // Outside the lock: the first tick comes at once and an observer may stop the monitor.
-  platform().dispatch.dispatch_resume(fresh);
+  ticks_.start();
 }
 
 void QBVitalscopeMemoryMonitor::stop() {
-  const std::lock_guard lock(timerLock_);
-  if (timer_ == nullptr) return;
-  platform().dispatch.dispatch_source_cancel(timer_);
-  timer_.reset();
-  isStart_.store(false, std::memory_order_relaxed);
-}
-
-const qbv::DispatchQueueRef& QBVitalscopeMemoryMonitor::queue() {
-  if (queue_ == nullptr)
-    queue_ = platform().dispatch.dispatch_queue_create(qbv::queueLabel("appmemory.monitor"),
-                                                       qbv::QueueKind::concurrent);
-  return queue_;
-}
-
-const qbv::DispatchTimerRef& QBVitalscopeMemoryMonitor::timer() {
-  if (timer_ == nullptr) {
-    qbv::Dispatch& dispatch = platform().dispatch;
-    timer_ = dispatch.dispatch_source_create(queue());
-    dispatch.dispatch_source_set_timer(timer_, qbv::NSEC_PER_SEC, 0);
-    dispatch.dispatch_source_set_event_handler(timer_, [this] { handleMemoryMonitor(); });
-  }
-  return timer_;
+  ticks_.stop();
 }
 
 void QBVitalscopeMemoryMonitor::handleMemoryMonitor() {
-  if (tickRuns_.exchange(true, std::memory_order_acquire)) return;
-  if (isOutOfMemory()) {
-    updateMaxMemoryAndBacktrace();
-    reportOncePerHour();
-  }
-  tickRuns_.store(false, std::memory_order_release);
+  if (!isOutOfMemory()) return;
+  updateMaxMemoryAndBacktrace();
+  reportOncePerHour();
 }

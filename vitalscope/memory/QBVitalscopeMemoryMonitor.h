@@ -10,10 +10,10 @@
 
 #include "vitalscope/memory/QBVMemoryMonitorDelegate.h"
 #include "vitalscope/platform/clock.h"
-#include "vitalscope/platform/dispatch.h"
 #include "vitalscope/platform/export.h"
 #include "vitalscope/platform/notifications.h"
 #include "vitalscope/platform/object.h"
+#include "vitalscope/platform/repeating_timer.h"
 #include "vitalscope/platform/runtime.h"
 #include "vitalscope/platform/value.h"
 
@@ -54,7 +54,10 @@ class QBV_EXPORT QBVitalscopeMemoryMonitor {
   // stopped does nothing; a tick that is running goes on to its end. What was sampled survives a stop.
   void start();
   void stop();
-  bool isStart() const { return isStart_.load(std::memory_order_relaxed); }
+  bool isStart() const { return ticks_.isStart(); }
+  // See RepeatingTimer.
+  qbv::DispatchQueueRef queue() { return ticks_.queue(); }
+  qbv::DispatchTimerRef timer() { return ticks_.timer(); }
 
   // Keeps the observer for good; null is left alone. One that does not answer qbvMemoryUsage is never called,
   // one that is registered twice is called twice. Any thread.
@@ -89,7 +92,7 @@ class QBV_EXPORT QBVitalscopeMemoryMonitor {
  private:
   void setup();
 
-  // The tick. One that comes while another runs does nothing.
+  // The tick.
   void handleMemoryMonitor();
   void tellObservers(double megabytes) const;
   void updateMaxMemoryAndBacktrace();
@@ -103,11 +106,6 @@ class QBV_EXPORT QBVitalscopeMemoryMonitor {
   bool mayCheckLeaksNow();
   std::string getLeaksInfo() const;
 
-  // For callers that hold timerLock_. Made on first use.
-  const qbv::DispatchQueueRef& queue();
-  const qbv::DispatchTimerRef& timer();
-
-  std::atomic<bool> isStart_{false};
   std::atomic<bool> enableLeaksDetect_{false};
   std::atomic<qbv::AbsoluteTime> leaksReportTime_{0};
   std::atomic<qbv::AbsoluteTime> rtmLastRecordTime_{0};
@@ -117,10 +115,7 @@ class QBV_EXPORT QBVitalscopeMemoryMonitor {
   std::atomic<qbv::id> qbAppInterfaceAdapter_{nullptr};
   std::string processID_;
 
-  std::atomic<bool> tickRuns_{false};  // a restarted timer's tick finds the last one of the old timer running
-  std::mutex timerLock_;               // start and stop against each other; the timer and the queue
-  qbv::DispatchTimerRef timer_;
-  qbv::DispatchQueueRef queue_;
+  qbv::RepeatingTimer ticks_;
   mutable std::mutex recordsLock_;  // held for copies and single changes only
   Samples realTimeMemoryArray_;
   Samples inOneHourMemoryArray_;
