@@ -4,12 +4,11 @@
 
 #include <chrono>
 #include <csignal>
-#include <ctime>
-#include <fstream>
 #include <optional>
 
 #include "tools/leaks/leak_report.h"
 #include "tools/leaks/process_reader.h"
+#include "tools/tracer/process_facts.h"
 #include "tools/tracer/tracer.h"
 
 namespace leaks {
@@ -42,28 +41,6 @@ class SignalsBlocked {
   sigset_t before_{};
 };
 
-std::string firstLine(const std::string& path) {
-  std::ifstream file(path);
-  std::string line;
-  std::getline(file, line);
-  return line;
-}
-
-std::string linkTarget(const std::string& path) {
-  char target[4096];
-  const ssize_t length = readlink(path.c_str(), target, sizeof target);
-  return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : "";
-}
-
-std::string localDate() {
-  const std::time_t now = std::time(nullptr);
-  std::tm fields{};
-  localtime_r(&now, &fields);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &fields);
-  return text;
-}
-
 class Check {
  public:
   Check(pid_t process, bool isWhole) : process_(process), reader_(process) { report_.isWhole = isWhole; }
@@ -86,9 +63,9 @@ class Check {
   std::string recognise() {
     const std::string folder = "/proc/" + std::to_string(process_);
     report_.processId = static_cast<std::uint32_t>(process_);
-    report_.process = firstLine(folder + "/comm");
-    report_.executable = linkTarget(folder + "/exe");
-    report_.date = localDate();
+    report_.process = tracer::firstLine(folder + "/comm");
+    report_.executable = tracer::linkTarget(folder + "/exe");
+    report_.date = tracer::localDate();
     {
       const SignalsBlocked blocked;
       tracer::Tracer tracer(process_);

@@ -9,23 +9,16 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <thread>
 
 #include "tools/quibvitalscope/doctor_checks.h"
+#include "tools/tracer/process_facts.h"
 
 namespace qbv::cli {
 namespace {
 
 using State = Check::State;
-
-std::string firstLine(const std::string& path) {
-  std::ifstream file(path);
-  std::string line;
-  std::getline(file, line);
-  return line;
-}
 
 // A thread that stays in a blocking read while it lives.
 class BlockedThread {
@@ -61,10 +54,10 @@ Check threadFile() {
   const BlockedThread thread;
   const std::string path = "/proc/self/task/" + std::to_string(thread.id()) + "/syscall";
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-  std::string line = firstLine(path);
+  std::string line = tracer::firstLine(path);
   while (line.starts_with("running") && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    line = firstLine(path);
+    line = tracer::firstLine(path);
   }
   const bool works = line.starts_with(std::to_string(SYS_read) + " 0x");
   check.state = works ? State::works : State::limited;
@@ -109,7 +102,7 @@ Check reservedSignal() {
 
 Check tracing() {
   Check check{"ptrace", State::works, false, "", "call samples and leak checks by the companion tools", ""};
-  const std::string scope = firstLine("/proc/sys/kernel/yama/ptrace_scope");
+  const std::string scope = tracer::firstLine("/proc/sys/kernel/yama/ptrace_scope");
   if (scope.empty() || scope == "0") {
     check.finding = scope.empty() ? "not restricted (no Yama)" : "scope 0: not restricted";
   } else if (scope == "1") {

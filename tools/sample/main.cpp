@@ -10,14 +10,13 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <string>
 
 #include "tools/sample/report_writer.h"
 #include "tools/sample/stack_reader.h"
+#include "tools/tracer/process_facts.h"
 #include "tools/tracer/tracer.h"
 
 namespace {
@@ -51,30 +50,8 @@ std::optional<Options> parseOptions(int argc, char** argv) {
   return options;
 }
 
-std::string firstLine(const std::string& path) {
-  std::ifstream file(path);
-  std::string line;
-  std::getline(file, line);
-  return line;
-}
-
 std::string threadName(pid_t process, pid_t thread) {
-  return firstLine("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/comm");
-}
-
-std::string linkTarget(const std::string& path) {
-  char target[4096];
-  const ssize_t length = readlink(path.c_str(), target, sizeof target);
-  return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : "";
-}
-
-std::string localDate() {
-  const std::time_t now = std::time(nullptr);
-  std::tm fields{};
-  localtime_r(&now, &fields);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &fields);
-  return text;
+  return tracer::firstLine("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/comm");
 }
 
 // What was seen, by thread: equal chains are counted, names are looked up once at the end.
@@ -191,9 +168,9 @@ int main(int argc, char** argv) {
   sample::StackReader reader(options->process);
   if (const std::string failure = reader.open(); !failure.empty()) return fail(failure);
   const std::string folder = "/proc/" + std::to_string(options->process);
-  const std::string name = firstLine(folder + "/comm");
-  const std::string executable = linkTarget(folder + "/exe");
-  const std::string date = localDate();
+  const std::string name = tracer::firstLine(folder + "/comm");
+  const std::string executable = tracer::linkTarget(folder + "/exe");
+  const std::string date = tracer::localDate();
 
   const Observations seen = observe(*options, tracer, reader);
   tracer.detach();
