@@ -1,13 +1,7 @@
 // Programs that know nothing of any monitor, under the stand-in host: their toolkits' loops carry the guards,
 // so a callback that blocks is reported, and neither a nested loop nor a modal dialog is.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
@@ -15,6 +9,7 @@
 #include <vector>
 
 #include "tests/end_to_end/host_process.h"
+#include "tests/end_to_end/virtual_display.h"
 
 namespace {
 
@@ -29,47 +24,6 @@ constexpr char kPython[] = "/usr/bin/python3";  // the system's, which has the b
 
 // Signed in at the loop's first pass; the rest is for the warm-up of reports.
 constexpr char kWarmUp[] = "turn 7";
-
-// Without its end; empty when the other side closed early or was too slow.
-std::string firstLine(int descriptor) {
-  std::string line;
-  pollfd entry{descriptor, POLLIN, 0};
-  char letter = 0;
-  while (poll(&entry, 1, static_cast<int>(e2e::kPatience * 1000)) > 0 && read(descriptor, &letter, 1) == 1) {
-    if (letter == '\n') return line;
-    line += letter;
-  }
-  return "";
-}
-
-// An X server without a screen, on a display number of its own choice.
-class Display {
- public:
-  Display() {
-    int report[2];
-    if (pipe(report) != 0) return;
-    fcntl(report[0], F_SETFD, FD_CLOEXEC);
-    const std::string number = std::to_string(report[1]);
-    const char* const words[] = {"Xvfb", "-displayfd", number.c_str(), "-nolisten", "tcp", nullptr};
-    if (posix_spawnp(&pid_, words[0], nullptr, nullptr, const_cast<char**>(words), environ) != 0) pid_ = -1;
-    close(report[1]);
-    const std::string line = firstLine(report[0]);
-    if (!line.empty()) name_ = ":" + line;
-    close(report[0]);
-  }
-  ~Display() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-  }
-  Display(const Display&) = delete;
-  Display& operator=(const Display&) = delete;
-  const std::string& name() const { return name_; }
-
- private:
-  pid_t pid_ = -1;
-  std::string name_;
-};
 
 class MainLoops : public testing::Test {
  protected:
@@ -86,7 +40,7 @@ class MainLoops : public testing::Test {
   Host startPython(const std::string& kind) { return start(kPython, {QBV_PYTHON_HOST, kind}); }
 
   bool hasDisplay() {
-    display_ = std::make_unique<Display>();
+    display_ = std::make_unique<e2e::VirtualDisplay>();
     return !display_->name().empty();
   }
   static bool pythonHas(const std::string& library) {
@@ -110,7 +64,7 @@ class MainLoops : public testing::Test {
 
  private:
   TemporaryFolder home_;
-  std::unique_ptr<Display> display_;
+  std::unique_ptr<e2e::VirtualDisplay> display_;
 };
 
 TEST_F(MainLoops, BlockedCallbackOfGlibIsReported) {

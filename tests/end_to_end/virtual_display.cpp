@@ -1,0 +1,46 @@
+#include "tests/end_to_end/virtual_display.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/end_to_end/host_process.h"
+
+extern char** environ;
+
+namespace e2e {
+
+std::string lineFrom(int descriptor) {
+  std::string line;
+  pollfd entry{descriptor, POLLIN, 0};
+  char letter = 0;
+  while (poll(&entry, 1, static_cast<int>(kPatience * 1000)) > 0 && read(descriptor, &letter, 1) == 1) {
+    if (letter == '\n') return line;
+    line += letter;
+  }
+  return "";
+}
+
+VirtualDisplay::VirtualDisplay() {
+  int report[2];
+  if (pipe(report) != 0) return;
+  fcntl(report[0], F_SETFD, FD_CLOEXEC);
+  const std::string number = std::to_string(report[1]);
+  const char* const words[] = {"Xvfb", "-displayfd", number.c_str(), "-nolisten", "tcp", nullptr};
+  if (posix_spawnp(&pid_, words[0], nullptr, nullptr, const_cast<char**>(words), environ) != 0) pid_ = -1;
+  close(report[1]);
+  const std::string line = lineFrom(report[0]);
+  if (!line.empty()) name_ = ":" + line;
+  close(report[0]);
+}
+
+VirtualDisplay::~VirtualDisplay() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGTERM);
+  waitpid(pid_, nullptr, 0);
+}
+
+}  // namespace e2e
