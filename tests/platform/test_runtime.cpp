@@ -77,6 +77,44 @@ TEST_F(RuntimeTest, MetaclassesFormTheUsualRing) {
   EXPECT_STREQ(derived->isa->name, "Derived");
 }
 
+TEST_F(RuntimeTest, AddingSparesTheClasssOwnMethodAndReplacingAnswersTheFormer) {
+  const auto imp = [](int which) {
+    return which == 1 ? reinterpret_cast<IMP>(+[](id, SEL) -> int { return 1; })
+                      : reinterpret_cast<IMP>(+[](id, SEL) -> int { return 2; });
+  };
+  const Class base = table.defineClass("Base", nullptr);
+  const Class derived = table.defineClass("Derived", base);
+  EXPECT_TRUE(table.class_addMethod(base, sel("value"), imp(1), "i@:"));
+  EXPECT_FALSE(table.class_addMethod(base, sel("value"), imp(2), "i@:"));
+  EXPECT_TRUE(table.class_addMethod(derived, sel("value"), imp(2), "i16@0:8")) << "inherited is not own";
+  EXPECT_EQ(send<int>(table, table.createInstance(base), "value"), 1);
+  EXPECT_EQ(send<int>(table, table.createInstance(derived), "value"), 2);
+  const Method own = table.class_getInstanceMethod(derived, sel("value"));
+  EXPECT_EQ(table.class_replaceMethod(derived, sel("value"), imp(1), nullptr), imp(2));
+  EXPECT_EQ(table.method_getImplementation(own), imp(1));
+  EXPECT_STREQ(table.method_getTypeEncoding(own), "i16@0:8");
+  EXPECT_EQ(table.class_replaceMethod(derived, sel("other"), imp(1), "i@:"), nullptr);
+  EXPECT_TRUE(responds(table.createInstance(derived), "other"));
+  EXPECT_TRUE(table.class_addMethod(Runtime::object_getClass(Runtime::classObject(base)), sel("shared"),
+                                    imp(2), "i@:"))
+      << "a metaclass takes class methods";
+  EXPECT_EQ(send<int>(table, Runtime::classObject(derived), "shared"), 2);
+}
+
+TEST_F(RuntimeTest, ObjectsClassesAndSelectorsTellWhatTheyAre) {
+  const Class cls = table.defineClass("Host", nullptr);
+  const Class meta = Runtime::object_getClass(Runtime::classObject(cls));
+  EXPECT_EQ(Runtime::object_getClass(table.createInstance(cls)), cls);
+  EXPECT_EQ(Runtime::object_getClass(nullptr), nullptr);
+  EXPECT_TRUE(Runtime::class_isMetaClass(meta));
+  EXPECT_FALSE(Runtime::class_isMetaClass(cls));
+  EXPECT_FALSE(Runtime::class_isMetaClass(nullptr));
+  EXPECT_STREQ(Runtime::NSStringFromClass(meta), "Host");
+  EXPECT_STREQ(Runtime::NSStringFromSelector(sel("open:with:")), "open:with:");
+  EXPECT_EQ(Runtime::NSStringFromClass(nullptr), nullptr);
+  EXPECT_EQ(Runtime::NSStringFromSelector(nullptr), nullptr);
+}
+
 TEST_F(RuntimeTest, ASendThatDoesNotFitGivesTheEmptyResult) {
   static bool called = false;
   ClassDefinition host(table, "Host");

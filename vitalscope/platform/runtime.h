@@ -10,10 +10,14 @@
 
 namespace qbv {
 
-struct objc_object;
 struct objc_class;
 struct objc_selector;
 struct objc_method;
+// Every object begins with the class that answers its messages. For a class that is its metaclass, so classes
+// are objects too.
+struct objc_object {
+  objc_class* isa;
+};
 using id = objc_object*;           // an instance or a class; null is nil
 using Class = objc_class*;         // usable as id by classObject()
 using SEL = const objc_selector*;  // interned: equal names are equal pointers
@@ -38,6 +42,12 @@ class QBV_EXPORT Runtime {
   // argument).
   virtual void addInstanceMethod(Class cls, SEL selector, IMP implementation, const char* types) = 0;
   virtual void addClassMethod(Class cls, SEL selector, IMP implementation, const char* types) = 0;
+  // As addInstanceMethod, but only when the class itself (not one above it) has no method of that selector:
+  // false, and nothing changed, when it has. Given a metaclass it adds a class method.
+  virtual bool class_addMethod(Class cls, SEL selector, IMP implementation, const char* types) = 0;
+  // As addInstanceMethod; answers what the class's own method was, null when it had none. Null `types` keeps
+  // the encoding of the method replaced.
+  virtual IMP class_replaceMethod(Class cls, SEL selector, IMP implementation, const char* types) = 0;
   // A new instance without fields; it lives for ever, whatever is sent to it. One that can be given back
   // comes from the class methods "alloc" and "allocWithZone:" of the root class "NSObject", and goes by its
   // method "dealloc".
@@ -49,9 +59,17 @@ class QBV_EXPORT Runtime {
   // From now on each does what the other did, with the other's encoding. A message sent meanwhile on another
   // thread finds either. Null changes nothing.
   virtual void method_exchangeImplementations(Method one, Method other) = 0;
-  virtual IMP method_getImplementation(Method method) = 0;  // null for null
+  virtual IMP method_getImplementation(Method method) = 0;        // null for null
+  virtual const char* method_getTypeEncoding(Method method) = 0;  // null for null; never freed
 
   static id classObject(Class cls) noexcept { return reinterpret_cast<id>(cls); }
+  // The class whose methods the object's messages find: for a class, its metaclass. Null for nil.
+  static Class object_getClass(id object) noexcept { return object == nullptr ? nullptr : object->isa; }
+  // False for null.
+  static bool class_isMetaClass(Class cls) noexcept;
+  // A metaclass has its class's name. Null for null, otherwise never freed.
+  static const char* NSStringFromClass(Class cls) noexcept;
+  static const char* NSStringFromSelector(SEL selector) noexcept;
 
   // Whether a message would find a method (inherited ones count). False for nil.
   virtual bool respondsToSelector(id receiver, SEL selector) = 0;
@@ -70,6 +88,10 @@ constexpr const char* typeEncoding() {
     return "B";
   else if constexpr (std::is_same_v<T, id>)
     return "@";
+  else if constexpr (std::is_same_v<T, Class>)
+    return "#";
+  else if constexpr (std::is_same_v<T, SEL>)
+    return ":";
   else if constexpr (std::is_same_v<T, const char*>)
     return "*";
   else if constexpr (std::is_same_v<T, int>)

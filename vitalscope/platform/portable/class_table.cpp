@@ -6,19 +6,31 @@ namespace {
 
 constexpr char kRootName[] = "NSObject";
 
-const objc_method* ownMethod(Class cls, SEL selector) noexcept {
-  const objc_method* method = cls->methods.load(std::memory_order_acquire);
+objc_method* ownMethod(Class cls, SEL selector) noexcept {
+  objc_method* method = cls->methods.load(std::memory_order_acquire);
   while (method != nullptr && method->selector != selector) method = method->next;
   return method;
 }
 
-const objc_method* findMethod(Class cls, SEL selector) noexcept {
+objc_method* findMethod(Class cls, SEL selector) noexcept {
   for (; cls != nullptr; cls = cls->superclass)
-    if (const objc_method* const method = ownMethod(cls, selector)) return method;
+    if (objc_method* const method = ownMethod(cls, selector)) return method;
   return nullptr;
 }
 
 }  // namespace
+
+bool Runtime::class_isMetaClass(Class cls) noexcept {
+  return cls != nullptr && cls->isMetaclass;
+}
+
+const char* Runtime::NSStringFromClass(Class cls) noexcept {
+  return cls == nullptr ? nullptr : cls->name;
+}
+
+const char* Runtime::NSStringFromSelector(SEL selector) noexcept {
+  return selector == nullptr ? nullptr : selector->name;
+}
 
 ClassTable::ClassTable() {
   {
@@ -77,28 +89,46 @@ Class ClassTable::makeClass(const char* name, Class superclass) {
 }
 
 void ClassTable::addInstanceMethod(Class cls, SEL selector, IMP implementation, const char* types) {
-  if (cls != nullptr) addMethod(cls, selector, implementation, types);
+  class_replaceMethod(cls, selector, implementation, types == nullptr ? "" : types);
 }
 
 void ClassTable::addClassMethod(Class cls, SEL selector, IMP implementation, const char* types) {
-  if (cls != nullptr) addMethod(cls->isa, selector, implementation, types);
+  if (cls != nullptr) addInstanceMethod(cls->isa, selector, implementation, types);
 }
 
-void ClassTable::addMethod(Class cls, SEL selector, IMP implementation, const char* types) {
-  if (selector == nullptr || implementation == nullptr) return;
+bool ClassTable::class_addMethod(Class cls, SEL selector, IMP implementation, const char* types) {
+  if (cls == nullptr || selector == nullptr || implementation == nullptr) return false;
   const std::lock_guard lock(mutex_);
-  const std::string& text = texts_.emplace_back(types == nullptr ? "" : types);
-  const MethodBody* const body = &bodies_.emplace_back(MethodBody{implementation, text.c_str()});
-  objc_method* method = const_cast<objc_method*>(ownMethod(cls, selector));
-  if (method != nullptr) {
-    method->body.store(body, std::memory_order_release);
-    return;
+  if (ownMethod(cls, selector) != nullptr) return false;
+  insertMethod(cls, selector, makeBody(implementation, types));
+  return true;
+}
+
+IMP ClassTable::class_replaceMethod(Class cls, SEL selector, IMP implementation, const char* types) {
+  if (cls == nullptr || selector == nullptr || implementation == nullptr) return nullptr;
+  const std::lock_guard lock(mutex_);
+  objc_method* const method = ownMethod(cls, selector);
+  if (method == nullptr) {
+    insertMethod(cls, selector, makeBody(implementation, types));
+    return nullptr;
   }
-  method = &methods_.emplace_back();
-  method->selector = selector;
-  method->body.store(body, std::memory_order_relaxed);
-  method->next = cls->methods.load(std::memory_order_relaxed);
-  cls->methods.store(method, std::memory_order_release);
+  const MethodBody* const former = method->body.load(std::memory_order_relaxed);
+  method->body.store(makeBody(implementation, types == nullptr ? former->types : types),
+                     std::memory_order_release);
+  return former->implementation;
+}
+
+const MethodBody* ClassTable::makeBody(IMP implementation, const char* types) {
+  const std::string& text = texts_.emplace_back(types == nullptr ? "" : types);
+  return &bodies_.emplace_back(MethodBody{implementation, text.c_str()});
+}
+
+void ClassTable::insertMethod(Class cls, SEL selector, const MethodBody* body) {
+  objc_method& method = methods_.emplace_back();
+  method.selector = selector;
+  method.body.store(body, std::memory_order_relaxed);
+  method.next = cls->methods.load(std::memory_order_relaxed);
+  cls->methods.store(&method, std::memory_order_release);
 }
 
 id ClassTable::createInstance(Class cls) {
@@ -108,7 +138,7 @@ id ClassTable::createInstance(Class cls) {
 }
 
 Method ClassTable::class_getInstanceMethod(Class cls, SEL selector) {
-  return const_cast<Method>(findMethod(cls, selector));
+  return findMethod(cls, selector);
 }
 
 Method ClassTable::class_getClassMethod(Class cls, SEL selector) {
@@ -125,6 +155,10 @@ void ClassTable::method_exchangeImplementations(Method one, Method other) {
 
 IMP ClassTable::method_getImplementation(Method method) {
   return method == nullptr ? nullptr : method->body.load(std::memory_order_acquire)->implementation;
+}
+
+const char* ClassTable::method_getTypeEncoding(Method method) {
+  return method == nullptr ? nullptr : method->body.load(std::memory_order_acquire)->types;
 }
 
 bool ClassTable::respondsToSelector(id receiver, SEL selector) {

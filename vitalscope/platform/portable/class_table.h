@@ -14,12 +14,6 @@
 
 namespace qbv {
 
-// Every object begins with the class that answers its messages. For a class that is its metaclass, so classes
-// are objects too.
-struct objc_object {
-  objc_class* isa;
-};
-
 // An instance and, before it, where its memory is from.
 struct InstanceBox {
   enum class Origin : std::uintptr_t { table, heap } origin;
@@ -63,18 +57,23 @@ class QBV_EXPORT ClassTable final : public Runtime {
   Class defineClass(const char* name, Class superclass) override;
   void addInstanceMethod(Class cls, SEL selector, IMP implementation, const char* types) override;
   void addClassMethod(Class cls, SEL selector, IMP implementation, const char* types) override;
+  bool class_addMethod(Class cls, SEL selector, IMP implementation, const char* types) override;
+  IMP class_replaceMethod(Class cls, SEL selector, IMP implementation, const char* types) override;
   id createInstance(Class cls) override;
   Method class_getInstanceMethod(Class cls, SEL selector) override;
   Method class_getClassMethod(Class cls, SEL selector) override;
   void method_exchangeImplementations(Method one, Method other) override;
   IMP method_getImplementation(Method method) override;
+  const char* method_getTypeEncoding(Method method) override;
   bool respondsToSelector(id receiver, SEL selector) override;
   IMP methodForSelector(id receiver, SEL selector, const char** types) override;
 
  private:
   void defineRootMethods();
   Class makeClass(const char* name, Class superclass);
-  void addMethod(Class cls, SEL selector, IMP implementation, const char* types);
+  // Both with the lock held and nothing null.
+  void insertMethod(Class cls, SEL selector, const MethodBody* body);
+  const MethodBody* makeBody(IMP implementation, const char* types);
 
   std::shared_mutex mutex_;
   std::deque<std::string> texts_;
