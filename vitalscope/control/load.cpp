@@ -1,6 +1,8 @@
 #include "vitalscope/control/load.h"
 
+#include "vitalscope/control/QBVLaunchManager.h"
 #include "vitalscope/control/QBVitalscope.h"
+#include "vitalscope/dashboard/QBVitalscopeDashboard.h"
 #include "vitalscope/memory/QBAllocateMemoryMonitor.h"
 #include "vitalscope/memory/QBObjectAllocMonitor.h"
 #include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
@@ -26,6 +28,8 @@ QBVReportSources sources() {
 
 void load() {
   setReportSources(sources());
+  QBVLaunchManager::setLaunchTimeReceiver(
+      [](double seconds) { QBVitalscopeDashboard::sharedInstance()->setLaunchTime(seconds); });
   QBVitalscope::load();
   QBVitalscopeBacktrace::load();
   NSObject_AllocMonitor::load();
