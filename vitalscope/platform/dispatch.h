@@ -27,6 +27,14 @@ class QBV_EXPORT DispatchTimer {
 };
 using DispatchTimerRef = std::shared_ptr<DispatchTimer>;
 
+// A thread of its own, as long as its entry runs.
+class QBV_EXPORT DispatchThread {
+ public:
+  virtual ~DispatchThread() = default;
+  virtual const std::string& name() const noexcept = 0;
+};
+using DispatchThreadRef = std::shared_ptr<const DispatchThread>;
+
 enum class QueueKind { serial, concurrent };
 
 inline constexpr std::uint64_t NSEC_PER_SEC = 1000000000;
@@ -54,6 +62,11 @@ class QBV_EXPORT Dispatch {
   virtual void dispatch_resume(const DispatchTimerRef& timer) = 0;
   // No firing begins afterwards; one that runs now goes on. May be called from the handler. Returns at once.
   virtual void dispatch_source_cancel(const DispatchTimerRef& timer) = 0;
+
+  // Starts a thread that runs `entry`, which may run for ever: for what must keep its own time whatever the
+  // queues do. It blocks all signals as workers do, and nobody waits for it. `name`: at most 15 characters.
+  // Null when the system refuses a thread, and in a forked child.
+  virtual DispatchThreadRef startThread(const std::string& name, Block entry) = 0;
 };
 
 using DispatchOnceToken = std::once_flag;

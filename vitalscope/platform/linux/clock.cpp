@@ -1,5 +1,6 @@
 #include "vitalscope/platform/clock.h"
 
+#include <cerrno>
 #include <ctime>
 
 #include "vitalscope/platform/linux/areas.h"
@@ -22,6 +23,19 @@ class LinuxClock final : public Clock {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<std::uint64_t>(now.tv_nsec);
+  }
+
+  TimeValue gettimeofday() override {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return {now.tv_sec, static_cast<std::int32_t>(now.tv_nsec / 1000)};
+  }
+
+  void usleep(std::uint32_t microseconds) override {
+    timespec left{static_cast<std::time_t>(microseconds / 1'000'000),
+                  static_cast<long>(microseconds % 1'000'000) * 1000};
+    while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
+    }
   }
 };
 

@@ -1,5 +1,6 @@
 #include "vitalscope/platform/dispatch.h"
 
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -8,6 +9,7 @@
 #include "vitalscope/platform/linux/dispatch_timers.h"
 #include "vitalscope/platform/linux/fork_guard.h"
 #include "vitalscope/platform/linux/run_loop_queue.h"
+#include "vitalscope/platform/linux/thread_start.h"
 
 namespace qbv::linux_backend {
 
@@ -22,6 +24,19 @@ DispatchQueueRef everlasting(TargetQueue& queue) {
 // ever.
 Timer* usable(const DispatchTimerRef& timer) {
   return isForkedChild() ? nullptr : static_cast<Timer*>(timer.get());
+}
+
+struct OwnThread final : DispatchThread {
+  OwnThread(std::string text, Block block) : label(std::move(text)), entry(std::move(block)) {}
+  const std::string& name() const noexcept override { return label; }
+
+  const std::string label;
+  const Block entry;
+};
+
+void runOwnThread(void* reference) {
+  const std::unique_ptr<DispatchThreadRef> thread(static_cast<DispatchThreadRef*>(reference));
+  static_cast<const OwnThread&>(**thread).entry();
 }
 
 // In a forked child blocks are taken and dropped, and nothing is done to timers.
@@ -60,6 +75,16 @@ class LinuxDispatch final : public Dispatch {
 
   void dispatch_source_cancel(const DispatchTimerRef& timer) override {
     if (Timer* const own = usable(timer)) own->cancel();
+  }
+
+  DispatchThreadRef startThread(const std::string& name, Block entry) override {
+    if (!entry || isForkedChild()) return nullptr;
+    const auto thread = std::make_shared<const OwnThread>(name, std::move(entry));
+    auto reference = std::make_unique<DispatchThreadRef>(thread);
+    if (!linux_backend::startThread(thread->label.c_str(), kHandlerStackBytes, runOwnThread, reference.get()))
+      return nullptr;
+    static_cast<void>(reference.release());
+    return thread;
   }
 
  private:

@@ -1,17 +1,18 @@
 #include "vitalscope/platform/linux/glib_loop.h"
 
-#include <dlfcn.h>
 #include <poll.h>
 
 #include <algorithm>
 #include <atomic>
-#include <climits>
-#include <cstring>
+#include <cerrno>
 #include <span>
 #include <string_view>
+#include <utility>
 
 #include "vitalscope/platform/linux/fork_guard.h"
-#include "vitalscope/platform/linux/loader_list.h"
+#include "vitalscope/platform/linux/gtk_events.h"
+#include "vitalscope/platform/linux/loaded_library.h"
+#include "vitalscope/platform/linux/loop_observers.h"
 #include "vitalscope/platform/linux/loop_passes.h"
 #include "vitalscope/platform/linux/process_identity.h"
 #include "vitalscope/platform/linux/run_loop_queue.h"
@@ -50,40 +51,13 @@ struct Functions {
   void (*g_source_unref)(GSource*);
 };
 
-template <class Function>
-bool find(void* library, const char* name, Function& function) {
-  void* const address = dlsym(library, name);
-  static_assert(sizeof function == sizeof address);
-  std::memcpy(&function, &address, sizeof address);
-  return address != nullptr;
-}
-
 bool findAll(void* library, Functions& glib) {
-#define QBV_FIND(name) find(library, #name, glib.name)
+#define QBV_FIND(name) findFunction(library, #name, glib.name)
   return QBV_FIND(g_main_context_default) && QBV_FIND(g_main_context_get_poll_func) &&
          QBV_FIND(g_main_context_set_poll_func) && QBV_FIND(g_unix_fd_source_new) &&
          QBV_FIND(g_source_set_name) && QBV_FIND(g_source_set_can_recurse) &&
          QBV_FIND(g_source_set_callback) && QBV_FIND(g_source_attach) && QBV_FIND(g_source_unref);
 #undef QBV_FIND
-}
-
-int takeGlibsPath(dl_phdr_info* info, std::size_t, void* result) {
-  const std::string_view path = info->dlpi_name != nullptr ? info->dlpi_name : "";
-  if (!path.substr(path.rfind('/') + 1).starts_with(kLibrary) || path.size() >= PATH_MAX) return 0;
-  std::copy(path.begin(), path.end(), static_cast<char*>(result));
-  return 1;
-}
-
-// GLib with its constructors behind it; null when it is not there. The global scope would miss it where it
-// came as a dependency of a module that was loaded locally.
-void* loadedGlib() {
-  char path[PATH_MAX] = "";
-  visitLoadedImages(takeGlibsPath, path);
-  return path[0] != '\0' ? dlopen(path, RTLD_NOW | RTLD_NOLOAD) : nullptr;
-}
-
-bool onMainThread() {
-  return threadId() == static_cast<std::uint32_t>(processId());
 }
 
 constinit std::atomic<GPollFunc> pollOfHost{nullptr};
@@ -103,11 +77,29 @@ int pollWithoutMainQueue(std::span<GPollFD> entries, int timeout) {
   return ready;
 }
 
-// Before waiting and after waiting are the moments around the inner call, when the timeout is not 0.
+// This pass has been told by the wrapped poll function. Main thread only.
+constinit bool passIsTold = false;
+
+void tellWokenPass(bool slept) {
+  const int error = errno;
+  if (slept) tellActivity(kCFRunLoopAfterWaiting);
+  tellActivity(kCFRunLoopBeforeTimers);
+  tellActivity(kCFRunLoopBeforeSources);
+  passIsTold = true;
+  lookForGtkEvents();
+  errno = error;
+}
+
+// GLib says nothing of a loop's begin and end. A poll that does not wait, because an idle source is ready or
+// the host turns the loop now and then among work of its own, shows at any rate that the loop has come round:
+// the pass before it is over, and does not count as going on however many of the kind follow.
 int pollOfMainContext(GPollFD* entries, unsigned count, int timeout) {
   if (!onMainThread()) return pollWithoutMainQueue({entries, count}, timeout);
   noteLoopPass(LoopKind::glib);
-  return pollOfHost.load(std::memory_order_relaxed)(entries, count, timeout);
+  tellActivity(timeout != 0 ? kCFRunLoopBeforeWaiting : kCFRunLoopExit);
+  const int ready = pollOfHost.load(std::memory_order_relaxed)(entries, count, timeout);
+  tellWokenPass(timeout != 0);
+  return ready;
 }
 
 int drainMainQueue(int, unsigned condition, void*) {
@@ -115,6 +107,7 @@ int drainMainQueue(int, unsigned condition, void*) {
   if ((condition & POLLNVAL) != 0)
     return MainQueue::shared().replaceDescriptor() ? kKeepSource : kRemoveSource;
   noteLoopPass(LoopKind::glib);
+  const SingleTurn turn(!std::exchange(passIsTold, false));
   MainQueue::shared().drain();
   return kKeepSource;
 }
@@ -122,7 +115,7 @@ int drainMainQueue(int, unsigned condition, void*) {
 }  // namespace
 
 bool attachToGlib() {
-  void* const library = loadedGlib();
+  void* const library = loadedLibrary(kLibrary);
   Functions glib{};
   const int wake = MainQueue::shared().descriptor();
   if (library == nullptr || wake < 0 || !findAll(library, glib)) return false;

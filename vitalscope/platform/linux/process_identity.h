@@ -16,6 +16,11 @@ std::int32_t processId();
 // The calling thread. Any thread, async-signal-safe; one load but for the first call of a thread.
 std::uint32_t threadId();
 
+// Whether the caller is the process's main thread. Any thread, async-signal-safe.
+inline bool onMainThread() {
+  return threadId() == static_cast<std::uint32_t>(processId());
+}
+
 // Whether this thread of the own process still exists. Any thread, async-signal-safe; one system call.
 bool threadExists(std::uint32_t thread);
 

@@ -10,9 +10,13 @@
 
 #include "vitalscope/platform/linux/areas.h"
 #include "vitalscope/platform/linux/fork_guard.h"
+#include "vitalscope/platform/linux/gtk_events.h"
 #include "vitalscope/platform/linux/library_watch.h"
+#include "vitalscope/platform/linux/loop_observers.h"
 #include "vitalscope/platform/linux/loop_passes.h"
+#include "vitalscope/platform/linux/process_identity.h"
 #include "vitalscope/platform/linux/run_loop_queue.h"
+#include "vitalscope/platform/portable/application.h"
 
 namespace qbv::linux_backend {
 
@@ -45,12 +49,27 @@ void waitReadable(int descriptor, int timeoutMilliseconds) {
 class LinuxRunLoop final : public RunLoop {
  public:
   void run() override;
-  bool runOnce(int timeoutMilliseconds) override { return pass(timeoutMilliseconds); }
+  bool runOnce(int timeoutMilliseconds) override;
   void stop() override;
   int descriptor() override { return queue_.descriptor(); }
   bool drain() override;
   bool mainLoopSeen() override;
   const char* mainLoopKind() override;
+  void willWait() override;
+  void didWake() override;
+
+  RunLoop* currentRunLoop() override { return onMainThread() ? this : nullptr; }
+  CFRunLoopObserverRef CFRunLoopObserverCreate(CFRunLoopActivity activities, bool repeats, std::int64_t order,
+                                               CFRunLoopObserverCallBack callback, void* info) override {
+    return RunLoopObservers::create(activities, repeats, order, callback, info);
+  }
+  void CFRunLoopAddObserver(CFRunLoopObserverRef observer, CFRunLoopMode) override {
+    loopObservers().add(observer);
+  }
+
+  void sendEvent(void (*handle)(void*), void* context) override { application_.sendEvent(handle, context); }
+  void postEvent(void (*handle)(void*), void* context) override;
+  void routeToolkitEvents() override { routeGtkEvents(); }
 
  private:
   // One run() that has not returned yet; the innermost is the head of the list.
@@ -63,23 +82,51 @@ class LinuxRunLoop final : public RunLoop {
   bool stopped(const Run& run);
 
   MainQueue& queue_ = MainQueue::shared();
+  Application application_{runtime()};
+  bool hostTellsWaits_ = false;  // main thread only
   std::mutex mutex_;
   Run* innermost_ = nullptr;
 };
 
-// The activities of a loop are the steps of this function, in this order: before timers and before sources at
-// its start, before waiting and after waiting around the wait, which is left out when it would not sleep.
 bool LinuxRunLoop::pass(int timeoutMilliseconds) {
   const int wake = queue_.descriptor();
   if (wake < 0) timeoutMilliseconds = blindTimeout(timeoutMilliseconds);
   noteLoopPass(LoopKind::own);
+  tellActivity(kCFRunLoopBeforeTimers);
+  tellActivity(kCFRunLoopBeforeSources);
+  const bool tellSleep = timeoutMilliseconds != 0 && loopObservers().any() && !queue_.hasWork();
+  if (tellSleep) tellActivity(kCFRunLoopBeforeWaiting);
   waitReadable(wake, timeoutMilliseconds);
+  if (tellSleep) tellActivity(kCFRunLoopAfterWaiting);
   return queue_.drain();
+}
+
+bool LinuxRunLoop::runOnce(int timeoutMilliseconds) {
+  const LoopRun run;
+  return pass(timeoutMilliseconds);
 }
 
 bool LinuxRunLoop::drain() {
   noteLoopPass(LoopKind::descriptor);
+  const SingleTurn turn(!hostTellsWaits_);
   return queue_.drain();
+}
+
+void LinuxRunLoop::willWait() {
+  hostTellsWaits_ = true;
+  tellActivity(kCFRunLoopBeforeWaiting);
+}
+
+void LinuxRunLoop::didWake() {
+  noteLoopPass(LoopKind::descriptor);
+  tellActivity(kCFRunLoopAfterWaiting);
+  tellActivity(kCFRunLoopBeforeTimers);
+  tellActivity(kCFRunLoopBeforeSources);
+}
+
+void LinuxRunLoop::postEvent(void (*handle)(void*), void* context) {
+  dispatch().dispatch_async(dispatch().dispatch_get_main_queue(),
+                            [this, handle, context] { sendEvent(handle, context); });
 }
 
 bool LinuxRunLoop::mainLoopSeen() {
@@ -109,7 +156,10 @@ void LinuxRunLoop::run() {
     self.outer = innermost_;
     innermost_ = &self;
   }
-  while (!isForkedChild() && !stopped(self)) pass(-1);
+  {
+    const LoopRun told;
+    while (!isForkedChild() && !stopped(self)) pass(-1);
+  }
   if (isForkedChild()) return;
   const std::lock_guard lock(mutex_);
   innermost_ = self.outer;

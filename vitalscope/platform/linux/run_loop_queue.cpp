@@ -108,6 +108,11 @@ bool MainQueue::drain() {
   return ran;
 }
 
+bool MainQueue::hasWork() {
+  const std::lock_guard lock(mutex_);
+  return !waiting_.empty();
+}
+
 WorkItem* MainQueue::take(std::uint64_t upTo) {
   if (isForkedChild()) return nullptr;
   const std::lock_guard lock(mutex_);

@@ -21,6 +21,8 @@ class MainQueue final : public TargetQueue {
   // to an object of the child's own that never becomes readable, and drain() does nothing.
   int descriptor();
   bool drain();
+  // Whether blocks wait that no drain has begun to run. Any thread but in a forked child.
+  bool hasWork();
   // For a loop that found the descriptor closed, as a program does that closes all it does not know: makes
   // another with the same number. False when that number is taken by now.
   bool replaceDescriptor();

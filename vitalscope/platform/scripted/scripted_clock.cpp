@@ -4,6 +4,8 @@
 #include <cmath>
 #include <utility>
 
+#include "vitalscope/platform/scripted/scripted_threads.h"
+
 namespace qbv {
 
 AbsoluteTime ScriptedClock::CFAbsoluteTimeGetCurrent() {
@@ -14,6 +16,18 @@ AbsoluteTime ScriptedClock::CFAbsoluteTimeGetCurrent() {
 std::uint64_t ScriptedClock::monotonicNanoseconds() {
   const std::lock_guard lock(mutex_);
   return now_;
+}
+
+TimeValue ScriptedClock::gettimeofday() {
+  const std::lock_guard lock(mutex_);
+  const auto base = std::llround((baseTime_ + kCFAbsoluteTimeIntervalSince1970) * 1e6);
+  const auto now = base + static_cast<long long>((now_ - base_) / 1000);
+  return {now / 1'000'000, static_cast<std::int32_t>(now % 1'000'000)};
+}
+
+void ScriptedClock::usleep(std::uint32_t microseconds) {
+  const std::uint64_t end = monotonicNanoseconds() + std::uint64_t{microseconds} * 1000;
+  if (!ScriptedThreads::sleepUntil(end)) advance(microseconds / 1e6);
 }
 
 void ScriptedClock::advance(double seconds) {

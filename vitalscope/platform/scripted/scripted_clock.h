@@ -18,6 +18,10 @@ class ScriptedClock final : public Clock {
 
   AbsoluteTime CFAbsoluteTimeGetCurrent() override;
   std::uint64_t monotonicNanoseconds() override;
+  TimeValue gettimeofday() override;
+  // A thread that the scripted dispatcher made sleeps until the test has moved the clock so far. Any other,
+  // such as the test's own, moves the clock.
+  void usleep(std::uint32_t microseconds) override;
 
   // Moves both clocks by this many seconds (not negative, rounded to whole nanoseconds). On a
   // ScriptedPlatform this is ScriptedDispatch::advance: timers that fall due meanwhile fire on the calling

@@ -151,6 +151,10 @@ void ScriptedDispatch::dispatch_source_cancel(const DispatchTimerRef& timer) {
   state->takeHandler();
 }
 
+DispatchThreadRef ScriptedDispatch::startThread(const std::string& name, Block entry) {
+  return entry ? threads_.start(name, std::move(entry), clock_.monotonicNanoseconds()) : nullptr;
+}
+
 void ScriptedDispatch::enqueueDue() {
   const std::uint64_t now = clock_.monotonicNanoseconds();
   std::vector<std::shared_ptr<Timer>> due;
@@ -165,7 +169,7 @@ void ScriptedDispatch::enqueueDue() {
 
 // Firings that already wait, or wait for their own handler, are no moments to stop at.
 std::optional<std::uint64_t> ScriptedDispatch::nextDue() {
-  std::optional<std::uint64_t> next;
+  std::optional<std::uint64_t> next = threads_.nextDue();
   for (const auto& timer : timers_)
     if (timer->armed() && !timer->queued && !timer->running && (!next || timer->due < *next))
       next = timer->due;
@@ -224,8 +228,14 @@ bool ScriptedDispatch::runUntilIdle() {
   for (;;) {
     enqueueDue();
     const auto queue = nextRunnable();
-    if (queue == nullptr) return ran;
-    runFront(lock, *queue);
+    if (queue != nullptr) {
+      runFront(lock, *queue);
+    } else {
+      lock.unlock();
+      const bool threadRan = threads_.runOne(clock_.monotonicNanoseconds());
+      lock.lock();
+      if (!threadRan) return ran;
+    }
     ran = true;
   }
 }

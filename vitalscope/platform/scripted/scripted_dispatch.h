@@ -11,6 +11,7 @@
 
 #include "vitalscope/platform/dispatch.h"
 #include "vitalscope/platform/scripted/scripted_clock.h"
+#include "vitalscope/platform/scripted/scripted_threads.h"
 
 namespace qbv {
 
@@ -50,9 +51,12 @@ class ScriptedDispatch final : public Dispatch {
   void dispatch_source_set_event_handler(const DispatchTimerRef& timer, Block handler) override;
   void dispatch_resume(const DispatchTimerRef& timer) override;
   void dispatch_source_cancel(const DispatchTimerRef& timer) override;
+  // The thread begins when the test next lets things run, goes on whenever what it slept for with the
+  // scripted clock's usleep is over, and runs while the test's thread stands still.
+  DispatchThreadRef startThread(const std::string& name, Block entry) override;
 
-  // Runs every waiting block and every timer that is due, without moving the clock, until nothing is left but
-  // the main queue's. Answers whether anything ran.
+  // Runs every waiting block, every timer and every thread that is due, without moving the clock, until
+  // nothing is left but the main queue's. Answers whether anything ran.
   bool runUntilIdle();
   // Runs what waits now, then moves the clock by that many seconds, stopping at each moment at which a timer
   // falls due to run it there. At the end both clocks stand at the target, or later when a handler advanced
@@ -73,6 +77,8 @@ class ScriptedDispatch final : public Dispatch {
   std::vector<ScriptedTimerInfo> timers();
   // Timers that are resumed and not cancelled.
   std::size_t liveTimerCount();
+  // Names of the threads that have not ended, oldest first.
+  std::vector<std::string> threadNames() { return threads_.names(); }
   // Labels of the queues made by dispatch_queue_create, oldest first.
   std::vector<std::string> queueLabels();
 
@@ -100,6 +106,7 @@ class ScriptedDispatch final : public Dispatch {
   std::vector<std::shared_ptr<Queue>> working_;  // queues with items, without the main one
   std::vector<std::shared_ptr<Timer>> timers_;   // all that were ever made
   std::vector<std::string> queueLabels_;
+  ScriptedThreads threads_;
 };
 
 }  // namespace qbv

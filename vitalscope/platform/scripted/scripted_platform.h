@@ -40,7 +40,7 @@ class ScriptedPlatform {
   ScriptedImages images;
   ClassTable runtime;
   ScriptedDispatch dispatch{clock};
-  ScriptedRunLoop runLoop{dispatch};
+  ScriptedRunLoop runLoop{dispatch, runtime};
   ScriptedNotifications notifications;
   ScriptedProcesses processes;
   ScriptedFiles files{clock};

@@ -30,6 +30,34 @@ void ScriptedRunLoop::stop() {
   dispatch_.wakeMainQueue();
 }
 
+void ScriptedRunLoop::didWake() {
+  tell(kCFRunLoopAfterWaiting);
+  tell(kCFRunLoopBeforeTimers);
+  tell(kCFRunLoopBeforeSources);
+}
+
+CFRunLoopObserverRef ScriptedRunLoop::CFRunLoopObserverCreate(CFRunLoopActivity activities, bool repeats,
+                                                              std::int64_t order,
+                                                              CFRunLoopObserverCallBack callback,
+                                                              void* info) {
+  return RunLoopObservers::create(activities, repeats, order, callback, info);
+}
+
+void ScriptedRunLoop::CFRunLoopAddObserver(CFRunLoopObserverRef observer, CFRunLoopMode) {
+  if (observer != nullptr) ++observerCount_;
+  observers_.add(observer);
+}
+
+void ScriptedRunLoop::sendEvent(void (*handle)(void*), void* context) {
+  if (!application_) application_.emplace(runtime_);
+  application_->sendEvent(handle, context);
+}
+
+void ScriptedRunLoop::postEvent(void (*handle)(void*), void* context) {
+  dispatch_.dispatch_async(dispatch_.dispatch_get_main_queue(),
+                           [this, handle, context] { sendEvent(handle, context); });
+}
+
 void ScriptedRunLoop::drainAll() {
   while (dispatch_.drainMainQueue()) {
   }
