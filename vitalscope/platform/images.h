@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 
 #include "vitalscope/platform/export.h"
@@ -100,6 +101,37 @@ class QBV_EXPORT Images {
   virtual bool readable(std::uint32_t index, const void* address, std::size_t size) = 0;
   // The image that probably holds a code address, found faster than by walking all; nothing when not known.
   virtual std::optional<std::uint32_t> likelyImage(std::uint64_t address) = 0;
+
+  // Calls back once for each image present, on this thread and before it returns, and then once for each
+  // image that is loaded later, on a thread of the platform's: at once when the loader is through with it
+  // (linux: see docs/profiling.md for how soon). For good; at most 32 callbacks, which must not register
+  // another. The header is the one of headerWithSlots. linux: waits until a dlopen under way on another
+  // thread is over.
+  using AddImageCallback = void (*)(const mach_header_64* header, std::intptr_t slide);
+  virtual void _dyld_register_func_for_add_image(AddImageCallback callback) = 0;
+  // A header of the same image whose commands also describe its symbol pointer slots: sections, symbol and
+  // string table, indirect symbol table. Null for an empty place, and while the loader has not yet filled the
+  // image's slots (the callbacks above follow when it has). linux builds it on the first call for an image.
+  virtual const void* headerWithSlots(std::uint32_t index) = 0;
+  // Waits until no dlopen is under way on another thread; then what _dyld_image_count answers. From then on
+  // headerWithSlots has an answer for all these places. Not where a thread that runs a library's constructor
+  // may wait for this one.
+  virtual std::uint32_t settledImageCount() = 0;
+  // Calls `use` with the place of the loaded image that this header (one of the three) belongs to, and keeps
+  // the image from being unloaded meanwhile; false, without a call, when it belongs to none (any more). linux
+  // holds the loader's list of images: use must be short, must neither load, unload, fork nor wait, and of
+  // this class it may call only what stands below and the look-ups that are given a place.
+  virtual bool whileLoaded(const void* header, const std::function<void(std::uint32_t index)>& use) = 0;
+  // Whether these bytes are the image's own data, where its slots may lie.
+  virtual bool holdsData(std::uint32_t index, std::uint64_t address, std::size_t size) = 0;
+  // The function that a slot's value leads to. Where an image has not bound the slot yet, or an executable
+  // has a stand-in for the function, that is another address, by which a caller never comes back through a
+  // slot; the value itself when it is that already or nothing is known. `name` without a leading underscore.
+  // Inside whileLoaded of the image.
+  virtual std::uint64_t functionBehind(std::uint32_t index, const char* name, std::uint64_t slot,
+                                       std::uint64_t value) = 0;
+  // Changes what may be done with the pages that hold these bytes; 0 is success.
+  virtual int vm_protect(std::uint64_t address, std::uint64_t size, bool setMaximum, int protection) = 0;
 };
 
 }  // namespace qbv

@@ -6,33 +6,10 @@ namespace qbv::linux_backend {
 
 namespace {
 
-struct DynamicFacts {
-  std::uint64_t symbols = 0;
-  std::uint64_t strings = 0;
-  std::uint64_t stringsSize = 0;
-  std::uint64_t hash = 0;
-  std::uint64_t gnuHash = 0;
-};
-
 // The loader relocates the pointers of most objects in place, but not those of objects whose dynamic section
 // is read-only (the vDSO): what does not point into the object still needs the slide.
 std::uint64_t pointer(const ElfObject& object, std::uint64_t value) {
   return object.mapped.contains(value) ? value : value + object.slide;
-}
-
-DynamicFacts dynamicFacts(const ByteSource& memory, const ElfObject& object) {
-  DynamicFacts facts;
-  ElfW(Dyn) entry{};
-  for (std::uint64_t at = object.dynamic.start; at < object.dynamic.end; at += sizeof entry) {
-    if (!memory.read(at, entry) || entry.d_tag == DT_NULL) break;
-    const std::uint64_t value = entry.d_un.d_val;
-    if (entry.d_tag == DT_SYMTAB) facts.symbols = pointer(object, value);
-    if (entry.d_tag == DT_STRTAB) facts.strings = pointer(object, value);
-    if (entry.d_tag == DT_STRSZ) facts.stringsSize = value;
-    if (entry.d_tag == DT_HASH) facts.hash = pointer(object, value);
-    if (entry.d_tag == DT_GNU_HASH) facts.gnuHash = pointer(object, value);
-  }
-  return facts;
 }
 
 // The chain of the last bucket ends with the last symbol; its last entry has the lowest bit set.
@@ -68,6 +45,28 @@ std::uint64_t symbolCount(const ByteSource& memory, const DynamicFacts& facts) {
 }
 
 }  // namespace
+
+DynamicFacts dynamicFacts(const ByteSource& memory, const ElfObject& object) {
+  DynamicFacts facts;
+  ElfW(Dyn) entry{};
+  for (std::uint64_t at = object.dynamic.start; at < object.dynamic.end; at += sizeof entry) {
+    if (!memory.read(at, entry) || entry.d_tag == DT_NULL) break;
+    const std::uint64_t value = entry.d_un.d_val;
+    if (entry.d_tag == DT_SYMTAB) facts.symbols = pointer(object, value);
+    if (entry.d_tag == DT_STRTAB) facts.strings = pointer(object, value);
+    if (entry.d_tag == DT_STRSZ) facts.stringsSize = value;
+    if (entry.d_tag == DT_HASH) facts.hash = pointer(object, value);
+    if (entry.d_tag == DT_GNU_HASH) facts.gnuHash = pointer(object, value);
+    if (entry.d_tag == DT_VERSYM) facts.versions = pointer(object, value);
+    if (entry.d_tag == DT_RELA) facts.relocations = pointer(object, value);
+    if (entry.d_tag == DT_RELASZ) facts.relocationsSize = value;
+    if (entry.d_tag == DT_RELACOUNT) facts.relativeCount = value;
+    if (entry.d_tag == DT_JMPREL) facts.jumps = pointer(object, value);
+    if (entry.d_tag == DT_PLTRELSZ) facts.jumpsSize = value;
+    if (entry.d_tag == DT_PLTGOT) facts.jumpTable = pointer(object, value);
+  }
+  return facts;
+}
 
 std::optional<SymbolTablePlace> dynamicSymbols(const ByteSource& memory, const ElfObject& object) {
   const DynamicFacts facts = dynamicFacts(memory, object);

@@ -10,6 +10,23 @@
 
 namespace qbv::linux_backend {
 
+// What the dynamic section says; 0 for what it lacks. Addresses in memory, sizes in bytes.
+struct DynamicFacts {
+  std::uint64_t symbols = 0;
+  std::uint64_t strings = 0;
+  std::uint64_t stringsSize = 0;
+  std::uint64_t hash = 0;
+  std::uint64_t gnuHash = 0;
+  std::uint64_t versions = 0;     // one 16-bit entry per symbol
+  std::uint64_t relocations = 0;  // applied when the object is loaded
+  std::uint64_t relocationsSize = 0;
+  std::uint64_t relativeCount = 0;  // so many of them come first and name no symbol
+  std::uint64_t jumps = 0;          // relocations of the slots that calls go through
+  std::uint64_t jumpsSize = 0;
+  std::uint64_t jumpTable = 0;  // those slots, behind three of the loader's own
+};
+DynamicFacts dynamicFacts(const ByteSource& memory, const ElfObject& object);
+
 // Positions in the source that was asked.
 struct SymbolTablePlace {
   std::uint64_t symbols = 0;

@@ -30,19 +30,38 @@ class CommandWriter {
     at_ += sizeof command;
     ++count_;
   }
-  void addSegment(const char* name, std::uint64_t address, std::uint64_t size, std::uint32_t protection) {
+  // The segment's sections have to follow.
+  void addSegment(const char* name, std::uint64_t address, std::uint64_t size, std::uint32_t protection,
+                  std::uint32_t sections = 0) {
     segment_command_64 segment{};
     segment.cmd = LC_SEGMENT_64;
-    segment.cmdsize = sizeof segment;
-    std::memcpy(segment.segname, name, std::min(std::strlen(name), sizeof segment.segname));
+    segment.cmdsize = static_cast<std::uint32_t>(sizeof segment + sections * sizeof(section_64));
+    segment.nsects = sections;
+    setName(segment.segname, name);
     segment.vmaddr = address;
     segment.vmsize = segment.filesize = size;
     segment.maxprot = segment.initprot = protection;
     add(segment);
   }
+  void addSection(const char* segment, const DescribedSlots::Section& slots) {
+    section_64 section{};
+    setName(section.sectname, slots.lazy ? "__la_symbol_ptr" : "__got");
+    setName(section.segname, segment);
+    section.addr = slots.address;
+    section.size = slots.words * sizeof(std::uint64_t);
+    section.align = 3;
+    section.flags = slots.lazy ? S_LAZY_SYMBOL_POINTERS : S_NON_LAZY_SYMBOL_POINTERS;
+    section.reserved1 = slots.first;
+    std::memcpy(at_, &section, sizeof section);
+    at_ += sizeof section;
+  }
   std::uint32_t count() const { return count_; }
 
  private:
+  static void setName(char (&to)[16], const char* name) {
+    std::memcpy(to, name, std::min(std::strlen(name), sizeof to));
+  }
+
   std::byte* at_;
   std::uint32_t count_ = 0;
 };
@@ -53,14 +72,25 @@ std::uint64_t textEnd(const ElfObject& object) {
   return object.dataCount > 0 ? object.slide + object.data[0].address : object.mapped.end;
 }
 
-void addSegments(CommandWriter& commands, const ElfObject& object, std::span<std::byte> block) {
+void addData(CommandWriter& commands, const ElfObject& object, std::uint32_t index,
+             const DescribedSlots* slots) {
+  const ElfSegment& data = object.data[index];
+  const char* const name = data.relocationReadOnly ? "__DATA_CONST" : "__DATA";
+  const auto here = [index](const DescribedSlots::Section& section) { return section.segment == index; };
+  const std::span<const DescribedSlots::Section> sections =
+      slots != nullptr ? slots->sections : std::span<const DescribedSlots::Section>();
+  commands.addSegment(name, data.address, data.size, kReadWrite,
+                      static_cast<std::uint32_t>(std::count_if(sections.begin(), sections.end(), here)));
+  for (const DescribedSlots::Section& section : sections) {
+    if (here(section)) commands.addSection(name, section);
+  }
+}
+
+void addSegments(CommandWriter& commands, const ElfObject& object, std::span<std::byte> block,
+                 const DescribedSlots* slots) {
   const std::uint64_t load = object.mapped.start;
   commands.addSegment("__TEXT", load - object.slide, textEnd(object) - load, kReadExecute);
-  for (std::uint32_t i = 0; i < object.dataCount; ++i) {
-    const ElfSegment& data = object.data[i];
-    commands.addSegment(data.relocationReadOnly ? "__DATA_CONST" : "__DATA", data.address, data.size,
-                        kReadWrite);
-  }
+  for (std::uint32_t i = 0; i < object.dataCount; ++i) addData(commands, object, i, slots);
   commands.addSegment("__LINKEDIT", reinterpret_cast<std::uint64_t>(block.data()) - object.slide,
                       block.size(), 1);
 }
@@ -71,28 +101,40 @@ void addUuid(CommandWriter& commands, const BuildId& id) {
   commands.add(command);
 }
 
-void addSymbols(CommandWriter& commands, const DescribedSymbols& symbols) {
+void addSymbols(CommandWriter& commands, const DescribedSymbols& symbols, bool sorted) {
   commands.add(symtab_command{LC_SYMTAB, sizeof(symtab_command), symbols.symbols, symbols.count,
                               symbols.strings, symbols.stringsSize});
-  commands.add(load_command{LC_QBV_SORTED_SYMTAB, sizeof(load_command)});
+  if (sorted) commands.add(load_command{LC_QBV_SORTED_SYMTAB, sizeof(load_command)});
+}
+
+void addIndirect(CommandWriter& commands, const DescribedSlots& slots) {
+  dysymtab_command command{};
+  command.cmd = LC_DYSYMTAB;
+  command.cmdsize = sizeof command;
+  command.indirectsymoff = slots.indirect;
+  command.nindirectsyms = slots.indirectCount;
+  commands.add(command);
 }
 
 }  // namespace
 
-std::size_t descriptionSize(const ElfObject& object, bool withSymbols) {
-  return sizeof(mach_header_64) + (2 + object.dataCount) * sizeof(segment_command_64) +
-         (object.buildId.size != 0 ? sizeof(uuid_command) : 0) +
-         (withSymbols ? sizeof(symtab_command) + sizeof(load_command) : 0);
+std::size_t descriptionSize(const ElfObject& object, const Describe& what) {
+  std::size_t size = sizeof(mach_header_64) + (2 + object.dataCount) * sizeof(segment_command_64);
+  if (object.buildId.size != 0) size += sizeof(uuid_command);
+  if (what.symbols != nullptr) size += sizeof(symtab_command) + (what.sorted ? sizeof(load_command) : 0);
+  if (what.slots != nullptr)
+    size += sizeof(dysymtab_command) + what.slots->sections.size() * sizeof(section_64);
+  return size;
 }
 
 void writeDescription(const ElfObject& object, bool executable, std::span<std::byte> block,
-                      const DescribedSymbols* symbols) {
+                      const Describe& what) {
   CommandWriter commands(block.data() + sizeof(mach_header_64));
-  addSegments(commands, object, block);
+  addSegments(commands, object, block, what.slots);
   if (object.buildId.size != 0) addUuid(commands, object.buildId);
-  if (symbols != nullptr) addSymbols(commands, *symbols);
-  const auto size =
-      static_cast<std::uint32_t>(descriptionSize(object, symbols != nullptr) - sizeof(mach_header_64));
+  if (what.symbols != nullptr) addSymbols(commands, *what.symbols, what.sorted);
+  if (what.slots != nullptr) addIndirect(commands, *what.slots);
+  const auto size = static_cast<std::uint32_t>(descriptionSize(object, what) - sizeof(mach_header_64));
   const mach_header_64 header{MH_MAGIC_64,      kCpuType, 0, executable ? kExecutable : kLibrary,
                               commands.count(), size,     0, 0};
   std::memcpy(block.data(), &header, sizeof header);

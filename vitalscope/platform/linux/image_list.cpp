@@ -107,7 +107,7 @@ LoadedImage* LoadedImages::make(const dl_phdr_info& info, const ElfObject& objec
   char path[PATH_MAX] = "";
   if (executable) executablePath(path);
   const char* const name = keep(executable ? path : info.dlpi_name);
-  const std::size_t size = descriptionSize(object, false);
+  const std::size_t size = descriptionSize(object, {});
   auto* const block = static_cast<std::byte*>(arena_.take(size));
   void* const memory = arena_.take(sizeof(LoadedImage));
   if (name == nullptr || block == nullptr || memory == nullptr) return nullptr;
@@ -117,7 +117,7 @@ LoadedImage* LoadedImages::make(const dl_phdr_info& info, const ElfObject& objec
   image->name = name;
   const char* const opened = executable ? executableFile() : nullptr;
   image->file = opened != nullptr ? opened : std::strchr(name, '/') != nullptr ? name : nullptr;
-  writeDescription(object, executable, {block, size}, nullptr);
+  writeDescription(object, executable, {block, size}, {});
   image->plain = {block, size};
   image->older = all_;
   return all_ = image;
@@ -126,20 +126,33 @@ LoadedImage* LoadedImages::make(const dl_phdr_info& info, const ElfObject& objec
 // First the places of what is gone become empty, then what is new takes empty places and new ones.
 void LoadedImages::settle(Scan& scan) {
   std::uint32_t count = count_.load(std::memory_order_relaxed);
+  std::uint64_t gone = 0;
   for (std::uint32_t i = 0; i < count; ++i) {
-    const LoadedImage* const image = places_[i].load(std::memory_order_relaxed);
-    if (image != nullptr && image->scan != scans_) places_[i].store(nullptr, std::memory_order_release);
+    LoadedImage* const image = places_[i].load(std::memory_order_relaxed);
+    if (image == nullptr || image->scan == scans_) continue;
+    places_[i].store(nullptr, std::memory_order_release);
+    ++gone;
+  }
+  // More were closed than are missing: some have come back to where they were, nobody knows which.
+  for (std::uint32_t i = 0; i < count && scan.subs - subs_.load() > gone; ++i) {
+    if (LoadedImage* const image = at(i)) beginArrival(*image);
   }
   std::uint32_t empty = 0;
   for (LoadedImage* image = scan.firstPending; image != nullptr; image = image->pending) {
     while (empty < count && places_[empty].load(std::memory_order_relaxed) != nullptr) ++empty;
     if (empty == kMostImages) break;
+    beginArrival(*image);
     places_[empty].store(image, std::memory_order_release);
     if (empty == count) count_.store(++count, std::memory_order_release);
   }
   publishRanges(count);
   adds_.store(scan.adds, std::memory_order_release);
   subs_.store(scan.subs, std::memory_order_release);
+}
+
+void LoadedImages::beginArrival(LoadedImage& image) {
+  image.relocated.store(false, std::memory_order_relaxed);
+  image.arrived.store(scans_, std::memory_order_relaxed);
 }
 
 void LoadedImages::publishRanges(std::uint32_t count) {

@@ -61,17 +61,18 @@ std::span<const std::byte> buildImageSymbols(const ElfObject& object, bool execu
   FunctionTable table({object.code.start - object.slide, object.code.end - object.slide});
   collect(table, object, file);
   const PageVector<FunctionEntry>& entries = table.finish();
-  const std::uint64_t symbols = (descriptionSize(object, true) + 15) & ~std::uint64_t{15};
+  DescribedSymbols place;
+  const Describe what{&place};
+  const std::uint64_t symbols = (descriptionSize(object, what) + 15) & ~std::uint64_t{15};
   const std::uint64_t strings = symbols + entries.size() * sizeof(nlist_64);
   const std::uint64_t size = strings + stringsSize(entries);
   if (size > std::numeric_limits<std::uint32_t>::max()) return {};
   auto* const block = static_cast<std::byte*>(takePages(size));
   if (block == nullptr) return {};
-  const DescribedSymbols place{
-      static_cast<std::uint32_t>(symbols), static_cast<std::uint32_t>(entries.size()),
-      static_cast<std::uint32_t>(strings), static_cast<std::uint32_t>(size - strings)};
+  place = {static_cast<std::uint32_t>(symbols), static_cast<std::uint32_t>(entries.size()),
+           static_cast<std::uint32_t>(strings), static_cast<std::uint32_t>(size - strings)};
   writeTables(block, place, entries, table.names());
-  writeDescription(object, executable, {block, size}, &place);
+  writeDescription(object, executable, {block, size}, what);
   mprotect(block, size, PROT_READ);
   return {block, size};
 }

@@ -58,8 +58,10 @@ bool LoadedImages::readable(std::uint32_t index, const void* address, std::size_
   const LoadedImage* const image = at(index);
   if (image == nullptr) return false;
   const std::byte* const full = image->full.load(std::memory_order_acquire);
+  const std::byte* const slots = image->slots.load(std::memory_order_acquire);
   return within({full, image->fullSize.load(std::memory_order_relaxed)}, address, size) ||
-         within(image->plain, address, size);
+         within(image->plain, address, size) ||
+         within({slots, image->slotsSize.load(std::memory_order_relaxed)}, address, size);
 }
 
 std::optional<std::uint32_t> LoadedImages::likelyImage(std::uint64_t address) {

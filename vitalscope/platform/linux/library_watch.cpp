@@ -9,6 +9,7 @@
 #include "vitalscope/platform/linux/areas.h"
 #include "vitalscope/platform/linux/fork_guard.h"
 #include "vitalscope/platform/linux/glib_loop.h"
+#include "vitalscope/platform/linux/images.h"
 #include "vitalscope/platform/linux/loader_list.h"
 
 namespace qbv::linux_backend {
@@ -60,6 +61,7 @@ extern "C" void* qbv_before_dlopen() noexcept {
     real = dlsym(RTLD_NEXT, "dlopen");
     next.store(real, std::memory_order_release);
   }
+  qbv::linux_backend::expectImageArrivals();
   if (qbv::linux_backend::watching.load(std::memory_order_relaxed)) qbv::linux_backend::lookForMainLoop();
   return real;
 }

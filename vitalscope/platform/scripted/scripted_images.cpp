@@ -63,14 +63,109 @@ std::optional<std::uint32_t> ScriptedImages::likelyImage(std::uint64_t address) 
   return answer ? answer(address) : std::nullopt;
 }
 
-std::uint32_t ScriptedImages::add(ScriptedImage image, std::optional<std::string> name) {
+void ScriptedImages::_dyld_register_func_for_add_image(AddImageCallback callback) {
+  std::vector<std::pair<const void*, std::intptr_t>> now;
+  {
+    const std::lock_guard lock(mutex_);
+    callbacks_.push_back(callback);
+    for (const Place& place : places_) {
+      if (place.present) now.emplace_back(place.image->header(), place.slide);
+    }
+  }
+  for (const auto& [header, slide] : now) callback(static_cast<const mach_header_64*>(header), slide);
+}
+
+const void* ScriptedImages::headerWithSlots(std::uint32_t index) {
+  return _dyld_get_image_header(index);
+}
+
+std::uint32_t ScriptedImages::settledImageCount() {
+  return _dyld_image_count();
+}
+
+bool ScriptedImages::whileLoaded(const void* header, const std::function<void(std::uint32_t)>& use) {
+  std::optional<std::uint32_t> found;
+  {
+    const std::lock_guard lock(mutex_);
+    for (std::uint32_t i = 0; i < places_.size() && !found; ++i) {
+      const Place& place = places_[i];
+      if (place.present && !place.unknown && place.image->header() == header) found = i;
+    }
+  }
+  if (found) use(*found);
+  return found.has_value();
+}
+
+bool ScriptedImages::holdsData(std::uint32_t index, std::uint64_t address, std::size_t size) {
   const std::lock_guard lock(mutex_);
-  Place& place = places_.emplace_back();
-  place.slide = image.slide();
-  place.image = std::make_unique<ScriptedImage>(std::move(image));
-  if (name) place.name = std::make_unique<std::string>(std::move(*name));
-  place.present = true;
-  return static_cast<std::uint32_t>(places_.size() - 1);
+  const Place* const place = present(index);
+  if (place == nullptr) return false;
+  if (place->image->holds(reinterpret_cast<const void*>(address), size)) return true;
+  return address >= place->dataAddress && size <= place->dataSize &&
+         address - place->dataAddress <= place->dataSize - size;
+}
+
+std::uint64_t ScriptedImages::functionBehind(std::uint32_t, const char*, std::uint64_t, std::uint64_t value) {
+  const std::lock_guard lock(mutex_);
+  const auto found = functionsBehind_.find(value);
+  return found != functionsBehind_.end() ? found->second : value;
+}
+
+int ScriptedImages::vm_protect(std::uint64_t address, std::uint64_t size, bool setMaximum, int protection) {
+  const std::lock_guard lock(mutex_);
+  protections_.push_back({address, size, setMaximum, protection});
+  return protectResult_;
+}
+
+std::uint32_t ScriptedImages::add(ScriptedImage image, std::optional<std::string> name) {
+  std::vector<AddImageCallback> callbacks;
+  const auto* const header = static_cast<const mach_header_64*>(image.header());
+  const std::intptr_t slide = image.slide();
+  std::uint32_t index = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    Place& place = places_.emplace_back();
+    place.slide = slide;
+    place.image = std::make_unique<ScriptedImage>(std::move(image));
+    if (name) place.name = std::make_unique<std::string>(std::move(*name));
+    place.present = true;
+    index = static_cast<std::uint32_t>(places_.size() - 1);
+    callbacks = callbacks_;
+  }
+  for (const AddImageCallback callback : callbacks) callback(header, slide);
+  return index;
+}
+
+void ScriptedImages::setData(std::uint32_t index, std::uint64_t address, std::size_t size) {
+  const std::lock_guard lock(mutex_);
+  Place& place = places_.at(index);
+  place.dataAddress = address;
+  place.dataSize = size;
+}
+
+void ScriptedImages::setFunctionBehind(std::uint64_t value, std::uint64_t function) {
+  const std::lock_guard lock(mutex_);
+  functionsBehind_[value] = function;
+}
+
+void ScriptedImages::setUnknown(std::uint32_t index, bool unknown) {
+  const std::lock_guard lock(mutex_);
+  places_.at(index).unknown = unknown;
+}
+
+void ScriptedImages::setProtectResult(int result) {
+  const std::lock_guard lock(mutex_);
+  protectResult_ = result;
+}
+
+std::vector<ScriptedImages::Protection> ScriptedImages::protections() {
+  const std::lock_guard lock(mutex_);
+  return protections_;
+}
+
+std::size_t ScriptedImages::registrations() {
+  const std::lock_guard lock(mutex_);
+  return callbacks_.size();
 }
 
 std::uint32_t ScriptedImages::addEmptyPlace() {

@@ -1,0 +1,148 @@
+#include "vitalscope/platform/linux/elf_definition.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "vitalscope/platform/linux/elf_tables.h"
+
+namespace qbv::linux_backend {
+
+namespace {
+
+constexpr std::uint16_t kOldVersion = 0x8000;
+
+struct GnuHash {
+  std::uint32_t buckets, offset, bloom, shift;
+};
+struct SysvHash {
+  std::uint32_t buckets, chains;
+};
+
+std::uint32_t gnuHashOf(const char* name) {
+  std::uint32_t hash = 5381;
+  for (; *name != '\0'; ++name) hash = hash * 33 + static_cast<std::uint8_t>(*name);
+  return hash;
+}
+
+std::uint32_t sysvHashOf(const char* name) {
+  std::uint32_t hash = 0;
+  for (; *name != '\0'; ++name) {
+    hash = (hash << 4) + static_cast<std::uint8_t>(*name);
+    const std::uint32_t high = hash & 0xf0000000U;
+    hash = (hash ^ (high >> 24)) & ~high;
+  }
+  return hash;
+}
+
+class Lookup {
+ public:
+  Lookup(const ByteSource& memory, const ElfObject& object, const char* name)
+      : memory_(memory), object_(object), facts_(dynamicFacts(memory, object)), name_(name) {}
+
+  std::optional<Definition> definition() {
+    if (facts_.symbols == 0 || facts_.strings == 0) return std::nullopt;
+    if (facts_.gnuHash != 0) {
+      byGnuHash();
+    } else if (facts_.hash != 0) {
+      bySysvHash();
+    }
+    return found_;
+  }
+
+  bool undefinedAt(std::uint64_t address) {
+    ElfW(Sym) symbol{};
+    const std::uint64_t end = firstHashed();
+    for (std::uint64_t i = 1; i < end && readSymbol(i, symbol); ++i) {
+      if (symbol.st_shndx == SHN_UNDEF && symbol.st_value != 0 && symbol.st_value + object_.slide == address)
+        return named(symbol);
+    }
+    return false;
+  }
+
+ private:
+  bool readSymbol(std::uint64_t index, ElfW(Sym) & symbol) const {
+    return memory_.read(facts_.symbols + index * sizeof symbol, symbol);
+  }
+
+  bool named(const ElfW(Sym) & symbol) const {
+    const std::uint64_t size = std::strlen(name_) + 1;
+    if (symbol.st_name >= facts_.stringsSize || size > facts_.stringsSize - symbol.st_name) return false;
+    char piece[64];
+    for (std::uint64_t done = 0; done < size;) {
+      const std::size_t part = std::min<std::uint64_t>(size - done, sizeof piece);
+      if (!memory_.read(facts_.strings + symbol.st_name + done, piece, part)) return false;
+      if (std::memcmp(piece, name_ + done, part) != 0) return false;
+      done += part;
+    }
+    return true;
+  }
+
+  // True when no better one can follow.
+  bool take(std::uint64_t index) {
+    ElfW(Sym) symbol{};
+    if (!readSymbol(index, symbol) || symbol.st_shndx == SHN_UNDEF || !named(symbol)) return false;
+    const unsigned binding = ELF64_ST_BIND(symbol.st_info);
+    const unsigned type = ELF64_ST_TYPE(symbol.st_info);
+    if (binding == STB_LOCAL || type == STT_TLS || symbol.st_shndx == SHN_ABS) return false;
+    std::uint16_t version = 0;
+    if (facts_.versions != 0) memory_.read(facts_.versions + index * sizeof version, version);
+    const bool old = (version & kOldVersion) != 0;
+    if (!found_ || !old) found_ = Definition{object_.slide + symbol.st_value, type == STT_GNU_IFUNC, old};
+    return !old;
+  }
+
+  void byGnuHash() {
+    GnuHash head{};
+    if (!memory_.read(facts_.gnuHash, head) || head.buckets == 0) return;
+    const std::uint32_t hash = gnuHashOf(name_);
+    const std::uint64_t buckets =
+        facts_.gnuHash + sizeof head + std::uint64_t{head.bloom} * sizeof(ElfW(Addr));
+    const std::uint64_t chains = buckets + std::uint64_t{head.buckets} * sizeof(std::uint32_t);
+    std::uint32_t index = 0;
+    if (!memory_.read(buckets + hash % head.buckets * sizeof index, index) || index < head.offset) return;
+    for (std::uint32_t link = 0;; ++index) {
+      if (!memory_.read(chains + (std::uint64_t{index} - head.offset) * sizeof link, link)) return;
+      if ((link | 1U) == (hash | 1U) && take(index)) return;
+      if ((link & 1U) != 0) return;
+    }
+  }
+
+  void bySysvHash() {
+    SysvHash head{};
+    if (!memory_.read(facts_.hash, head) || head.buckets == 0) return;
+    const std::uint64_t buckets = facts_.hash + sizeof head;
+    const std::uint64_t chains = buckets + std::uint64_t{head.buckets} * sizeof(std::uint32_t);
+    std::uint32_t index = 0;
+    if (!memory_.read(buckets + sysvHashOf(name_) % head.buckets * sizeof index, index)) return;
+    for (std::uint32_t steps = 0; index != 0 && steps < head.chains; ++steps) {
+      if (take(index) || !memory_.read(chains + std::uint64_t{index} * sizeof index, index)) return;
+    }
+  }
+
+  // What an object lacks stands before what it offers, which alone is hashed.
+  std::uint64_t firstHashed() const {
+    GnuHash gnu{};
+    if (facts_.gnuHash != 0 && memory_.read(facts_.gnuHash, gnu)) return gnu.offset;
+    SysvHash sysv{};
+    return facts_.hash != 0 && memory_.read(facts_.hash, sysv) ? sysv.chains : 0;
+  }
+
+  const ByteSource& memory_;
+  const ElfObject& object_;
+  DynamicFacts facts_;
+  const char* name_;
+  std::optional<Definition> found_;
+};
+
+}  // namespace
+
+std::optional<Definition> definitionIn(const ByteSource& memory, const ElfObject& object, const char* name) {
+  return Lookup(memory, object, name).definition();
+}
+
+bool isStandInFor(const ByteSource& memory, const ElfObject& object, const char* name,
+                  std::uint64_t address) {
+  return Lookup(memory, object, name).undefinedAt(address);
+}
+
+}  // namespace qbv::linux_backend
