@@ -14,6 +14,8 @@ using qbv::platform;
 
 namespace {
 
+constexpr int kMostPasses = 16;
+
 constinit std::atomic<qb_rebindings_entry*> gNewest{nullptr};
 
 // The name lies behind the request, in the same block.
@@ -93,9 +95,12 @@ void rebindSection(const Requests& requests, const qbv::section_64& section, std
   }
 }
 
-void rebindImage(const Requests& requests, const qbv::mach_header_64* header, std::intptr_t slide) {
+// Images are held one at a time, so a list that is looked up meanwhile is never applied after a newer one.
+template <typename Head>
+void rebindImage(Head head, const qbv::mach_header_64* header, std::intptr_t slide) {
   qbv::Images& images = platform().images;
   images.whileLoaded(header, [&](std::uint32_t index) {
+    const Requests requests(head());
     const qbv::SlotTables tables(images, index, header, slide);
     const FunctionBehind functionBehind = [&](const char* name, std::uint64_t slot, std::uint64_t value) {
       return images.functionBehind(index, name, slot, value);
@@ -107,6 +112,23 @@ void rebindImage(const Requests& requests, const qbv::mach_header_64* header, st
   });
 }
 
+const qb_rebindings_entry* newest() {
+  return gNewest.load(std::memory_order_acquire);
+}
+
+// False when the loader was still at work on an image.
+bool rebindAll() {
+  qbv::Images& images = platform().images;
+  bool all = true;
+  const std::uint32_t count = images.settledImageCount();
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const auto* const header = static_cast<const qbv::mach_header_64*>(images.headerWithSlots(i));
+    if (header != nullptr) rebindImage(newest, header, images._dyld_get_image_vmaddr_slide(i));
+    all = all && (header != nullptr || images._dyld_get_image_header(i) == nullptr);
+  }
+  return all;
+}
+
 }  // namespace
 
 void qb_rebind_symbols(const qb_rebinding* rebinding) {
@@ -115,23 +137,21 @@ void qb_rebind_symbols(const qb_rebinding* rebinding) {
   qb_rebindings_entry* older = gNewest.load(std::memory_order_relaxed);
   do node->next = older;
   while (!gNewest.compare_exchange_weak(older, node, std::memory_order_release, std::memory_order_relaxed));
-  qbv::Images& images = platform().images;
   if (older == nullptr) {
-    images._dyld_register_func_for_add_image(qb_rebind_image_added);
+    platform().images._dyld_register_func_for_add_image(qb_rebind_image_added);
     return;
   }
-  const Requests requests(gNewest.load(std::memory_order_acquire));
-  const std::uint32_t count = images.settledImageCount();
-  for (std::uint32_t i = 0; i < count; ++i) {
-    if (const void* const header = images.headerWithSlots(i))
-      rebindImage(requests, static_cast<const qbv::mach_header_64*>(header),
-                  images._dyld_get_image_vmaddr_slide(i));
+  for (int attempt = 0; attempt < kMostPasses && !rebindAll(); ++attempt) {
   }
 }
 
 void qb_rebind_symbols_for_image(const qb_rebindings_entry* head, const qbv::mach_header_64* header,
                                  std::intptr_t slide) {
-  rebindImage(Requests(head), header, slide);
+  rebindImage([head] { return head; }, header, slide);
+}
+
+void qb_rebind_image_added(const qbv::mach_header_64* header, std::intptr_t slide) {
+  rebindImage(newest, header, slide);
 }
 
 void qb_perform_rebinding_with_section(const qb_rebindings_entry* head, const qbv::section_64* section,
@@ -144,8 +164,4 @@ void qb_perform_rebinding_with_section(const qb_rebindings_entry* head, const qb
   };
   rebindSection(Requests(head), *section, slide, qbv::BelievedSlotNames(symbols, strings, indirectSymbols),
                 functionBehind);
-}
-
-void qb_rebind_image_added(const qbv::mach_header_64* header, std::intptr_t slide) {
-  qb_rebind_symbols_for_image(gNewest.load(std::memory_order_acquire), header, slide);
 }

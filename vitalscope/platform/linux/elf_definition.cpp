@@ -40,23 +40,19 @@ class Lookup {
       : memory_(memory), object_(object), facts_(dynamicFacts(memory, object)), name_(name) {}
 
   std::optional<Definition> definition() {
-    if (facts_.symbols == 0 || facts_.strings == 0) return std::nullopt;
-    if (facts_.gnuHash != 0) {
-      byGnuHash();
-    } else if (facts_.hash != 0) {
-      bySysvHash();
-    }
+    visit([this](std::uint64_t index) { return take(index); });
     return found_;
   }
 
-  bool undefinedAt(std::uint64_t address) {
-    ElfW(Sym) symbol{};
-    const std::uint64_t end = firstHashed();
-    for (std::uint64_t i = 1; i < end && readSymbol(i, symbol); ++i) {
-      if (symbol.st_shndx == SHN_UNDEF && symbol.st_value != 0 && symbol.st_value + object_.slide == address)
-        return named(symbol);
-    }
-    return false;
+  bool standsInAt(std::uint64_t address) {
+    bool found = false;
+    visit([&](std::uint64_t index) {
+      ElfW(Sym) symbol{};
+      found = readSymbol(index, symbol) && symbol.st_shndx == SHN_UNDEF && symbol.st_value != 0 &&
+              symbol.st_value + object_.slide == address && named(symbol);
+      return found;
+    });
+    return found;
   }
 
  private:
@@ -91,7 +87,19 @@ class Lookup {
     return !old;
   }
 
-  void byGnuHash() {
+  // The hashed symbols that may have the name, until `enough` says so.
+  template <typename Enough>
+  void visit(Enough enough) {
+    if (facts_.symbols == 0 || facts_.strings == 0) return;
+    if (facts_.gnuHash != 0) {
+      byGnuHash(enough);
+    } else if (facts_.hash != 0) {
+      bySysvHash(enough);
+    }
+  }
+
+  template <typename Enough>
+  void byGnuHash(Enough enough) {
     GnuHash head{};
     if (!memory_.read(facts_.gnuHash, head) || head.buckets == 0) return;
     const std::uint32_t hash = gnuHashOf(name_);
@@ -102,12 +110,13 @@ class Lookup {
     if (!memory_.read(buckets + hash % head.buckets * sizeof index, index) || index < head.offset) return;
     for (std::uint32_t link = 0;; ++index) {
       if (!memory_.read(chains + (std::uint64_t{index} - head.offset) * sizeof link, link)) return;
-      if ((link | 1U) == (hash | 1U) && take(index)) return;
+      if ((link | 1U) == (hash | 1U) && enough(index)) return;
       if ((link & 1U) != 0) return;
     }
   }
 
-  void bySysvHash() {
+  template <typename Enough>
+  void bySysvHash(Enough enough) {
     SysvHash head{};
     if (!memory_.read(facts_.hash, head) || head.buckets == 0) return;
     const std::uint64_t buckets = facts_.hash + sizeof head;
@@ -115,16 +124,8 @@ class Lookup {
     std::uint32_t index = 0;
     if (!memory_.read(buckets + sysvHashOf(name_) % head.buckets * sizeof index, index)) return;
     for (std::uint32_t steps = 0; index != 0 && steps < head.chains; ++steps) {
-      if (take(index) || !memory_.read(chains + std::uint64_t{index} * sizeof index, index)) return;
+      if (enough(index) || !memory_.read(chains + std::uint64_t{index} * sizeof index, index)) return;
     }
-  }
-
-  // What an object lacks stands before what it offers, which alone is hashed.
-  std::uint64_t firstHashed() const {
-    GnuHash gnu{};
-    if (facts_.gnuHash != 0 && memory_.read(facts_.gnuHash, gnu)) return gnu.offset;
-    SysvHash sysv{};
-    return facts_.hash != 0 && memory_.read(facts_.hash, sysv) ? sysv.chains : 0;
   }
 
   const ByteSource& memory_;
@@ -142,7 +143,7 @@ std::optional<Definition> definitionIn(const ByteSource& memory, const ElfObject
 
 bool isStandInFor(const ByteSource& memory, const ElfObject& object, const char* name,
                   std::uint64_t address) {
-  return Lookup(memory, object, name).undefinedAt(address);
+  return Lookup(memory, object, name).standsInAt(address);
 }
 
 }  // namespace qbv::linux_backend

@@ -135,7 +135,8 @@ void LoadedImages::settle(Scan& scan) {
   }
   // More were closed than are missing: some have come back to where they were, nobody knows which.
   for (std::uint32_t i = 0; i < count && scan.subs - subs_.load() > gone; ++i) {
-    if (LoadedImage* const image = at(i)) beginArrival(*image);
+    LoadedImage* const image = at(i);
+    if (image != nullptr && !image->executable) beginArrival(*image);
   }
   std::uint32_t empty = 0;
   for (LoadedImage* image = scan.firstPending; image != nullptr; image = image->pending) {
