@@ -6,8 +6,10 @@
 #include "vitalscope/memory/QBAllocateMemoryMonitor.h"
 #include "vitalscope/memory/QBObjectAllocMonitor.h"
 #include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
+#include "vitalscope/probes/QBVBatteryMonitor.h"
 #include "vitalscope/probes/QBVitalscopeBacktrace.h"
 #include "vitalscope/report/QBVReportSources.h"
+#include "vitalscope/report/QBVitalscopeReport.h"
 
 namespace qbv {
 
@@ -30,6 +32,9 @@ void load() {
   setReportSources(sources());
   QBVLaunchManager::setLaunchTimeReceiver(
       [](double seconds) { QBVitalscopeDashboard::sharedInstance()->setLaunchTime(seconds); });
+  QBVBatteryMonitor::setPowerReport([] {
+    QBVitalscopeReport::sharedInstance()->reportWithReason(QBVReportReasonPower, 0, Value::Dictionary());
+  });
   QBVitalscope::load();
   QBVitalscopeBacktrace::load();
   NSObject_AllocMonitor::load();

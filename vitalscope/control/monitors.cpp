@@ -7,6 +7,8 @@
 #include "vitalscope/hang/QBVitalscopeANRMonitor.h"
 #include "vitalscope/memory/QBAllocateMemoryMonitor.h"
 #include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
+#include "vitalscope/probes/QBVBatteryMonitor.h"
+#include "vitalscope/probes/QBVIOMonitor.h"
 #include "vitalscope/report/QBVitalscopeReport.h"
 
 namespace qbv {
@@ -36,7 +38,11 @@ std::span<const Monitor> monitors() {
               [] { QBAllocateMemoryMonitor::sharedInstance()->stop(); }},
       Monitor{"memory", true, [] { QBVitalscopeMemoryMonitor::sharedInstance()->start(); },
               [] { QBVitalscopeMemoryMonitor::sharedInstance()->stop(); }},
+      Monitor{"battery", true, [] { QBVBatteryMonitor::sharedInstance()->start(); },
+              [] { QBVBatteryMonitor::sharedInstance()->stop(); }},
       Monitor{"host log folder", true, [] { QBVitalscopeReport::sharedInstance()->cleanLogFile(); }, nullptr},
+      Monitor{"drives", true, [] { QBVIOMonitor::sharedInstance()->start(); },
+              [] { QBVIOMonitor::sharedInstance()->stop(); }},
   };
   return table;
 }

@@ -4,6 +4,7 @@
 #include "vitalscope/platform/allocator.h"
 #include "vitalscope/platform/clock.h"
 #include "vitalscope/platform/dates.h"
+#include "vitalscope/platform/devices.h"
 #include "vitalscope/platform/dispatch.h"
 #include "vitalscope/platform/export.h"
 #include "vitalscope/platform/files.h"
@@ -32,6 +33,7 @@ struct Platform {
   Log& log;
   HostInfo& hostInfo;
   Allocator& allocator;
+  Devices& devices;
 };
 
 // The set in use: the real one of this system unless a test installed another. Any thread; one atomic load.

@@ -18,5 +18,6 @@ Dates& dates();
 Log& log();
 HostInfo& hostInfo();
 Allocator& allocator();
+Devices& devices();
 
 }  // namespace qbv::linux_backend

@@ -5,9 +5,9 @@ namespace qbv::linux_backend {
 
 const Platform& platform() {
   watchForks();
-  static const Platform set{task(),          images(),    runtime(),  dispatch(), runLoop(),
-                            notifications(), processes(), files(),    clock(),    dates(),
-                            log(),           hostInfo(),  allocator()};
+  static const Platform set{task(),          images(),    runtime(),   dispatch(), runLoop(),
+                            notifications(), processes(), files(),     clock(),    dates(),
+                            log(),           hostInfo(),  allocator(), devices()};
   return set;
 }
 

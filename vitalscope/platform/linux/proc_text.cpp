@@ -66,6 +66,15 @@ std::optional<std::uint64_t> footprintOfStatus(std::string_view text) {
   return (*resident + others) * 1024;
 }
 
+std::optional<ProcIO> parseProcessIO(std::string_view text) {
+  const auto read = field(text, "read_bytes");
+  const auto written = field(text, "write_bytes");
+  const auto bytesRead = read ? number(*read) : std::nullopt;
+  const auto bytesWritten = written ? number(*written) : std::nullopt;
+  if (!bytesRead || !bytesWritten) return std::nullopt;
+  return ProcIO{*bytesRead, *bytesWritten};
+}
+
 std::optional<bool> statusBlocksSignal(std::string_view text, int signal) {
   const auto value = field(text, "SigBlk");
   const auto mask = value ? number(*value, 16) : std::nullopt;

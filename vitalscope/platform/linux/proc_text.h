@@ -19,6 +19,14 @@ std::optional<ProcStat> parseStat(std::string_view text);
 // RssAnon + VmSwap + VmPTE of a status text in bytes; VmRSS stands in for RssAnon where a kernel lacks it.
 std::optional<std::uint64_t> footprintOfStatus(std::string_view text);
 
+// The "read_bytes" and "write_bytes" lines of a process's account of its input and output: what the storage
+// has read and written for it. Nothing when one is missing.
+struct ProcIO {
+  std::uint64_t bytesRead = 0;
+  std::uint64_t bytesWritten = 0;
+};
+std::optional<ProcIO> parseProcessIO(std::string_view text);
+
 // Whether the "SigBlk" mask of a status text has a signal; nothing when the text lacks it.
 std::optional<bool> statusBlocksSignal(std::string_view text, int signal);
 

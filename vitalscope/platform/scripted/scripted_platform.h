@@ -6,6 +6,7 @@
 #include "vitalscope/platform/scripted/scripted_allocator.h"
 #include "vitalscope/platform/scripted/scripted_clock.h"
 #include "vitalscope/platform/scripted/scripted_dates.h"
+#include "vitalscope/platform/scripted/scripted_devices.h"
 #include "vitalscope/platform/scripted/scripted_dispatch.h"
 #include "vitalscope/platform/scripted/scripted_files.h"
 #include "vitalscope/platform/scripted/scripted_host_info.h"
@@ -48,10 +49,11 @@ class ScriptedPlatform {
   ScriptedLog log;
   ScriptedHostInfo hostInfo;
   ScriptedAllocator allocator;
+  ScriptedDevices devices;
 
  private:
   Platform areas_{task,  images, runtime, dispatch, runLoop,  notifications, processes,
-                  files, clock,  dates,   log,      hostInfo, allocator};
+                  files, clock,  dates,   log,      hostInfo, allocator,     devices};
   ScopedPlatform installed_{areas_};
 };
 
