@@ -7,22 +7,9 @@
 #include <type_traits>
 
 #include "vitalscope/platform/export.h"
+#include "vitalscope/platform/objc.h"
 
 namespace qbv {
-
-struct objc_class;
-struct objc_selector;
-struct objc_method;
-// Every object begins with the class that answers its messages. For a class that is its metaclass, so classes
-// are objects too.
-struct objc_object {
-  objc_class* isa;
-};
-using id = objc_object*;           // an instance or a class; null is nil
-using Class = objc_class*;         // usable as id by classObject()
-using SEL = const objc_selector*;  // interned: equal names are equal pointers
-using Method = objc_method*;       // one class's method of one selector
-using IMP = void (*)();            // really R (*)(id self, SEL _cmd, arguments…)
 
 // Any thread. Classes, selectors and methods are never removed. Names are copied.
 class QBV_EXPORT Runtime {
@@ -31,7 +18,7 @@ class QBV_EXPORT Runtime {
 
   // Null when no class has that name.
   virtual Class NSClassFromString(const char* name) = 0;
-  // The one selector of that name; made when it is new. Never null.
+  // The one selector of that name, the same in every table; made when it is new. Never null, never freed.
   virtual SEL NSSelectorFromString(const char* name) = 0;
 
   // A new class below `superclass` (null: below "NSObject"); the present class when the name is taken.
@@ -98,8 +85,20 @@ constexpr const char* typeEncoding() {
     return "i";
   else if constexpr (std::is_same_v<T, std::int64_t>)
     return "q";
+  else if constexpr (std::is_same_v<T, std::uint64_t>)
+    return "Q";
+  else if constexpr (std::is_same_v<T, unsigned>)
+    return "I";
+  else if constexpr (std::is_same_v<T, float>)
+    return "f";
   else if constexpr (std::is_same_v<T, double>)
     return "d";
+  else if constexpr (std::is_same_v<T, long double>)
+    return "D";
+  else if constexpr (std::is_pointer_v<T>)
+    return "^v";
+  else if constexpr (std::is_class_v<T>)
+    return "{?}";  // the checking send knows no structures
   else
     static_assert(sizeof(T) == 0, "no encoding for this type");
 }

@@ -1,5 +1,7 @@
 #include "vitalscope/platform/portable/class_table.h"
 
+#include "vitalscope/platform/portable/selectors.h"
+
 namespace qbv {
 
 namespace {
@@ -12,13 +14,23 @@ objc_method* ownMethod(Class cls, SEL selector) noexcept {
   return method;
 }
 
+void giveBody(objc_method& method, const MethodBody* body) noexcept {
+  method.body.store(body, std::memory_order_release);
+  method.implementation.store(body->implementation, std::memory_order_release);
+}
+
+bool isBelow(Class cls, Class ancestor) noexcept {
+  while (cls != nullptr && cls != ancestor) cls = cls->superclass;
+  return cls != nullptr;
+}
+
+}  // namespace
+
 objc_method* findMethod(Class cls, SEL selector) noexcept {
   for (; cls != nullptr; cls = cls->superclass)
     if (objc_method* const method = ownMethod(cls, selector)) return method;
   return nullptr;
 }
-
-}  // namespace
 
 bool Runtime::class_isMetaClass(Class cls) noexcept {
   return cls != nullptr && cls->isMetaclass;
@@ -26,10 +38,6 @@ bool Runtime::class_isMetaClass(Class cls) noexcept {
 
 const char* Runtime::NSStringFromClass(Class cls) noexcept {
   return cls == nullptr ? nullptr : cls->name;
-}
-
-const char* Runtime::NSStringFromSelector(SEL selector) noexcept {
-  return selector == nullptr ? nullptr : selector->name;
 }
 
 ClassTable::ClassTable() {
@@ -50,19 +58,7 @@ Class ClassTable::NSClassFromString(const char* name) {
 }
 
 SEL ClassTable::NSSelectorFromString(const char* name) {
-  const std::string_view wanted = name == nullptr ? "" : name;
-  {
-    const std::shared_lock lock(mutex_);
-    const auto found = selectorOfName_.find(wanted);
-    if (found != selectorOfName_.end()) return found->second;
-  }
-  const std::lock_guard lock(mutex_);
-  const auto found = selectorOfName_.find(wanted);
-  if (found != selectorOfName_.end()) return found->second;
-  const std::string& text = texts_.emplace_back(wanted);
-  const SEL selector = &selectors_.emplace_back(objc_selector{text.c_str()});
-  selectorOfName_.emplace(text, selector);
-  return selector;
+  return selectorNamed(name);
 }
 
 Class ClassTable::defineClass(const char* name, Class superclass) {
@@ -84,6 +80,7 @@ Class ClassTable::makeClass(const char* name, Class superclass) {
   cls.isa = &meta;
   cls.superclass = superclass;
   meta.name = cls.name = text.c_str();
+  meta.table = cls.table = this;
   classOfName_.emplace(text, &cls);
   return &cls;
 }
@@ -113,8 +110,7 @@ IMP ClassTable::class_replaceMethod(Class cls, SEL selector, IMP implementation,
     return nullptr;
   }
   const MethodBody* const former = method->body.load(std::memory_order_relaxed);
-  method->body.store(makeBody(implementation, types == nullptr ? former->types : types),
-                     std::memory_order_release);
+  giveBody(*method, makeBody(implementation, types == nullptr ? former->types : types));
   return former->implementation;
 }
 
@@ -126,9 +122,26 @@ const MethodBody* ClassTable::makeBody(IMP implementation, const char* types) {
 void ClassTable::insertMethod(Class cls, SEL selector, const MethodBody* body) {
   objc_method& method = methods_.emplace_back();
   method.selector = selector;
-  method.body.store(body, std::memory_order_relaxed);
+  giveBody(method, body);
   method.next = cls->methods.load(std::memory_order_relaxed);
   cls->methods.store(&method, std::memory_order_release);
+  correctCaches(cls, selector);
+}
+
+// A class that inherited another method until now, or had cached one from further up.
+void ClassTable::correctCaches(Class changed, SEL selector) noexcept {
+  for (objc_class& cls : classes_) {
+    const MethodCache* const cache = cls.cache.load(std::memory_order_relaxed);
+    if (cache->find(selector) == nullptr || !isBelow(&cls, changed)) continue;
+    caches_.put(cls.cache, findMethod(&cls, selector));
+  }
+}
+
+void ClassTable::remember(Class cls, SEL selector) noexcept {
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (!lock) return;
+  // Looked up once more: since the caller found a method, another may have taken its place.
+  if (objc_method* const method = findMethod(cls, selector)) caches_.put(cls->cache, method);
 }
 
 id ClassTable::createInstance(Class cls) {
@@ -149,8 +162,8 @@ void ClassTable::method_exchangeImplementations(Method one, Method other) {
   if (one == nullptr || other == nullptr) return;
   const std::lock_guard lock(mutex_);
   const MethodBody* const body = one->body.load(std::memory_order_relaxed);
-  one->body.store(other->body.load(std::memory_order_relaxed), std::memory_order_release);
-  other->body.store(body, std::memory_order_release);
+  giveBody(*one, other->body.load(std::memory_order_relaxed));
+  giveBody(*other, body);
 }
 
 IMP ClassTable::method_getImplementation(Method method) {

@@ -1,8 +1,9 @@
-// What every object can: be allocated and be given back.
+// What every object can: be allocated and given back, and be asked for what it can.
 #include <cstddef>
 #include <cstdlib>
 #include <new>
 
+#include "vitalscope/platform/message.h"
 #include "vitalscope/platform/portable/class_table.h"
 
 namespace qbv {
@@ -28,13 +29,23 @@ void dealloc(id self, SEL) {
   if (box->origin == InstanceBox::Origin::heap) std::free(box);
 }
 
+bool responds(id self, SEL, SEL asked) {
+  return findMethod(self->isa, asked) != nullptr;
+}
+
+id perform(id self, SEL, SEL selector) {
+  return send<id>(self, selector);
+}
+
 }  // namespace
 
 void ClassTable::defineRootMethods() {
   ClassDefinition(*this, "NSObject")
       .classMethod("alloc", alloc)
       .classMethod("allocWithZone:", allocWithZone)
-      .method("dealloc", dealloc);
+      .method("dealloc", dealloc)
+      .method("respondsToSelector:", responds)
+      .method("performSelector:", perform);
 }
 
 }  // namespace qbv
