@@ -75,6 +75,20 @@ TEST_F(BacktraceTest, TheMainThreadsBlock) {
   expectAllResumed();
 }
 
+// What one thread returns to may be where another one stands.
+TEST_F(BacktraceTest, OneAddressIsLookedUpByWhatItIsInEachThread) {
+  addThread(worker, text + 0x310, 0, {text + 0x400, text + 0x108});
+  addThread(worker + 1, text + 0x400, 0, {text + 0x400, text + 0x108});
+  const string all = QBVitalscopeBacktrace::qbv_backtraceOfAllThread();
+  const string returned = "1   quibapp                         0x0000000100000400 _wait + 256\n";
+  EXPECT_THAT(all,
+              HasSubstr("Thread 4711: \n0   quibapp                         0x0000000100000310 _wait + 16\n" +
+                        returned));
+  EXPECT_THAT(
+      all, HasSubstr("Thread 4712: \n0   quibapp                         0x0000000100000400 nothing + 0\n" +
+                     returned));
+}
+
 TEST_F(BacktraceTest, FiguresThatCannotBeReadShowTheirSentinels) {
   addThread(mainThread, text, 0, {});
   scripted.task.fail(TaskCall::thread_info);

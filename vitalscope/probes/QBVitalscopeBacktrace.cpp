@@ -9,6 +9,7 @@
 #include "vitalscope/probes/footprint.h"
 #include "vitalscope/probes/frame_line.h"
 #include "vitalscope/probes/stack_walk.h"
+#include "vitalscope/probes/symbol_memory.h"
 
 namespace {
 
@@ -33,9 +34,9 @@ void appendHeading(std::string& text, qbv::ThreadPort thread) {
   text.append("M \n");
 }
 
-void appendFrames(std::string& text, const qbv::AddressList& list) {
+void appendFrames(std::string& text, const qbv::AddressList& list, qbv::SymbolMemory& symbols) {
   std::array<qbv_symbol_record, qbv::maximumFrames> records;
-  qbv_symbolicate(list.addresses.data(), records.data(), static_cast<int>(list.count), 0);
+  symbols.symbolicate(list, records.data());
   for (std::size_t i = 0; i < list.count; ++i) {
     qbv::appendFrameLine(text, static_cast<int>(i), list.addresses[i], records[i]);
   }
@@ -47,7 +48,7 @@ void replaceBlock(std::string& text, std::size_t start, const std::string& failu
   text.append(failure);
 }
 
-void appendBlock(std::string& text, qbv::ThreadPort thread) {
+void appendBlock(std::string& text, qbv::ThreadPort thread, qbv::SymbolMemory& symbols) {
   qbv::Task& task = qbv::platform().task;
   const std::size_t start = text.size();
   appendHeading(text, thread);
@@ -59,7 +60,7 @@ void appendBlock(std::string& text, qbv::ThreadPort thread) {
   if (!qbv::walkStack(task, thread, state, list)) {
     return replaceBlock(text, start, "Fail to get frame pointer");
   }
-  appendFrames(text, list);
+  appendFrames(text, list, symbols);
   text.append(1, '\n');
 }
 
@@ -82,9 +83,10 @@ std::string QBVitalscopeBacktrace::qbv_backtraceOfAllThread() {
     return "Fail to get information of all threads";
   }
   std::string text = "\n";
+  qbv::SymbolMemory symbols;
   task.willCaptureThreads(threads, count);
   for (std::uint32_t i = 0; i < count; ++i) {
-    if (threads[i] != self) appendBlock(text, threads[i]);
+    if (threads[i] != self) appendBlock(text, threads[i], symbols);
     task.mach_port_deallocate(threads[i]);
   }
   task.didCaptureThreads();
@@ -97,7 +99,8 @@ std::string QBVitalscopeBacktrace::qbv_backtraceOfAllThread() {
 
 std::string _qbv_backtraceOfThread(qbv::ThreadPort thread) {
   std::string text;
-  appendBlock(text, thread);
+  qbv::SymbolMemory symbols;
+  appendBlock(text, thread, symbols);
   return text;
 }
 

@@ -54,8 +54,8 @@ SystemCallLine parseSystemCallLine(std::string_view text) {
   return line;
 }
 
-BlockedThread::BlockedThread(std::uint32_t thread)
-    : thread_(thread), file_(openThreadFile(thread, "syscall")) {}
+BlockedThread::BlockedThread(std::uint32_t thread, int folder)
+    : thread_(thread), file_(openThreadFile(thread, "syscall", folder)) {}
 
 BlockedThread::~BlockedThread() {
   if (file_ >= 0) close(file_);

@@ -26,7 +26,8 @@ SystemCallLine parseSystemCallLine(std::string_view text);
 // Watches one thread. Used by one thread, not in signal handlers; nothing from the heap.
 class BlockedThread {
  public:
-  explicit BlockedThread(std::uint32_t thread);
+  // folder: see openThreadFile.
+  explicit BlockedThread(std::uint32_t thread, int folder = -1);
   ~BlockedThread();
   BlockedThread(const BlockedThread&) = delete;
   BlockedThread& operator=(const BlockedThread&) = delete;

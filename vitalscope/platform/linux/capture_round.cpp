@@ -10,6 +10,7 @@
 
 #include "vitalscope/platform/linux/blocked_thread.h"
 #include "vitalscope/platform/linux/call_restart.h"
+#include "vitalscope/platform/linux/descriptor.h"
 #include "vitalscope/platform/linux/proc_text.h"
 #include "vitalscope/platform/linux/process_identity.h"
 #include "vitalscope/platform/linux/safe_read.h"
@@ -101,9 +102,9 @@ class WatchedThread {
   bool isFinished() const { return stage_ == Stage::finished; }
 
   // Looks at it for the first time, which is the only one for a thread that waits.
-  void begin(CapturedThread& item, Scratch scratch) {
+  void begin(CapturedThread& item, Scratch scratch, int folder) {
     item_ = &item;
-    thread_.emplace(item.thread);
+    thread_.emplace(item.thread, folder);
     stage_ = Stage::watched;
     workedSince_.reset();
     watch(scratch);
@@ -200,13 +201,13 @@ class WatchedThread {
 // As many threads as there are places for those that do not wait.
 class Round {
  public:
-  explicit Round(Scratch scratch) : scratch_(scratch) {}
+  Round(Scratch scratch, int folder) : scratch_(scratch), folder_(folder) {}
 
   // Reads threads from the front of the list, and keeps those that run; answers how many it has begun with.
   std::size_t start(std::span<CapturedThread> threads) {
     std::size_t begun = 0;
     while (begun < threads.size() && count_ < places_.size()) {
-      places_[count_].begin(threads[begun++], scratch_);
+      places_[count_].begin(threads[begun++], scratch_, folder_);
       if (!places_[count_].isFinished()) ++count_;
     }
     return begun;
@@ -260,6 +261,7 @@ class Round {
   }
 
   Scratch scratch_;
+  int folder_;
   std::array<WatchedThread, kSlotCount> places_;
   std::size_t count_ = 0;
 };
@@ -267,8 +269,9 @@ class Round {
 }  // namespace
 
 void captureThreads(std::span<CapturedThread> threads, Scratch scratch) {
+  const Descriptor folder(threads.size() > 1 ? openThreadFolder() : -1);
   while (!threads.empty()) {
-    Round round(scratch);
+    Round round(scratch, folder.get());
     const std::size_t dealtWith = round.start(threads);
     round.collect();
     threads = threads.subspan(dealtWith);

@@ -92,10 +92,14 @@ std::optional<std::uint64_t> pausesOfStatus(std::string_view text) {
   return value ? number(*value) : std::nullopt;
 }
 
-int openThreadFile(std::uint32_t thread, const char* name) {
+int openThreadFile(std::uint32_t thread, const char* name, int folder) {
   char path[64];
-  std::snprintf(path, sizeof path, "/proc/self/task/%u/%s", thread, name);
-  return open(path, O_RDONLY | O_CLOEXEC);
+  std::snprintf(path, sizeof path, "%s%u/%s", folder < 0 ? "/proc/self/task/" : "", thread, name);
+  return openat(folder, path, O_RDONLY | O_CLOEXEC);
+}
+
+int openThreadFolder() {
+  return open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
 std::string_view readThreadFile(std::uint32_t thread, const char* name, std::span<char> buffer) {

@@ -40,7 +40,11 @@ std::optional<std::uint64_t> pausesOfStatus(std::string_view text);
 // read. Any thread, nothing from the heap.
 std::string_view readThreadFile(std::uint32_t thread, const char* name, std::span<char> buffer);
 
-// Opens that file, close-on-exec; -1 on failure, with errno.
-int openThreadFile(std::uint32_t thread, const char* name);
+// Opens that file, close-on-exec; -1 on failure, with errno. folder: what openThreadFolder answered, which
+// spares the way to it; -1 for none.
+int openThreadFile(std::uint32_t thread, const char* name, int folder = -1);
+
+// Opens /proc/self/task, close-on-exec; -1 on failure.
+int openThreadFolder();
 
 }  // namespace qbv::linux_backend

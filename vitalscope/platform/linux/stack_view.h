@@ -52,6 +52,11 @@ struct StackView {
   // on another); null when nothing but the copy may be used. Never faults: false for unmapped addresses.
   bool (*elsewhere)(std::uint64_t address, std::uint64_t& word) = nullptr;
 
+  // Whether the copy has all of the bytes right below an address.
+  bool holdsBelow(std::uint64_t address, std::uint64_t count) const {
+    return address - base >= count && address - base <= size;
+  }
+
   // The word at an address of the thread's stack. False outside of the copy, unless elsewhere has it.
   bool read(std::uint64_t address, std::uint64_t& word) const {
     if (size >= sizeof word && address >= base && address - base <= size - sizeof word) {

@@ -1,11 +1,12 @@
 #include "vitalscope/platform/linux/thread_list.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstring>
+
+#include "vitalscope/platform/linux/proc_text.h"
 
 namespace qbv::linux_backend {
 
@@ -93,7 +94,7 @@ std::size_t wholePages(std::size_t bytes) {
 }
 
 KernReturn listThreads(ThreadPort** list, std::uint32_t* count) {
-  const int directory = open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int directory = openThreadFolder();
   if (directory < 0) return KERN_FAILURE;
   PortPages ports;
   const bool read = readDirectory(directory, ports);

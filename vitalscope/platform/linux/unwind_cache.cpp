@@ -9,23 +9,6 @@ namespace qbv::linux_backend {
 
 namespace {
 
-// The frame half of a compact row as a word: offset below, then register, then the two flags.
-std::uint64_t packFrame(const CompactRow& row) {
-  return std::uint64_t{static_cast<std::uint32_t>(row.frameOffset)} |
-         std::uint64_t{row.frameRegister} << 32U | std::uint64_t{row.outermost} << 40U |
-         std::uint64_t{row.signalFrame} << 41U;
-}
-
-CompactRow unpack(std::uint64_t frame, std::uint64_t saved) {
-  CompactRow row;
-  row.frameOffset = static_cast<std::int32_t>(static_cast<std::uint32_t>(frame));
-  row.frameRegister = static_cast<std::uint8_t>(frame >> 32U);
-  row.outermost = ((frame >> 40U) & 1U) != 0;
-  row.signalFrame = ((frame >> 41U) & 1U) != 0;
-  std::memcpy(row.saved.data(), &saved, row.saved.size());
-  return row;
-}
-
 bool unchanged(const Rule& rule) {
   return rule.kind == RuleKind::unspecified || rule.kind == RuleKind::same;
 }
@@ -59,20 +42,6 @@ bool compact(const Row& row, bool signalFrame, CompactRow& result) {
   for (unsigned number = 0; number < kRegisterCount; ++number) {
     if ((tracked >> number & 1U) == 0 && !unchanged(row.rules[number])) return false;
   }
-  return true;
-}
-
-// The stamp's count is odd while a writer is at work. Loads of the data acquire, so that the second load of
-// the stamp cannot come before them; stores of the data release, so that the odd stamp is seen before them.
-bool RowCache::find(std::uint64_t pc, std::uint32_t generation, CompactRow& row) const {
-  const Place& place = places_[placeOf(pc)];
-  const std::uint64_t stamp = place.stamp.load(std::memory_order_acquire);
-  if ((stamp & 1U) != 0 || stamp >> 32U != generation) return false;
-  if (place.pc.load(std::memory_order_acquire) != pc) return false;
-  const std::uint64_t frame = place.frame.load(std::memory_order_acquire);
-  const std::uint64_t saved = place.saved.load(std::memory_order_acquire);
-  if (place.stamp.load(std::memory_order_relaxed) != stamp) return false;
-  row = unpack(frame, saved);
   return true;
 }
 

@@ -1,5 +1,8 @@
 #include "vitalscope/platform/linux/unwind_step.h"
 
+#include <cstring>
+#include <utility>
+
 namespace qbv::linux_backend {
 
 namespace {
@@ -11,6 +14,58 @@ StepStatus returnTo(std::uint64_t address, bool signalFrame, WalkState& state) {
   state.registers.set(kProgramCounter, pc);
   state.exact = signalFrame;
   return StepStatus::ok;
+}
+
+constexpr std::uint64_t kWord = 8;
+
+// A frame seldom saves more than its return address and six registers, right below its address.
+constexpr std::uint64_t kNearbyWords = 15;
+
+bool savesNearby(const CompactRow& row) {
+  std::uint64_t words = 0;
+  static_assert(sizeof row.saved <= sizeof words);
+  std::memcpy(&words, row.saved.data(), row.saved.size());
+  return (words & 0xf0f0f0f0f0f0f0f0U) == 0;
+}
+
+// Words by how far below the frame address they are; this one may read any up to kNearbyWords.
+struct WordsOfCopy {
+  const std::byte* frame;
+  bool operator()(std::uint8_t below, std::uint64_t& word) const {
+    std::memcpy(&word, frame - kWord * below, sizeof word);
+    return true;
+  }
+};
+struct WordsOfView {
+  const StackView& stack;
+  std::uint64_t frame;
+  bool operator()(std::uint8_t below, std::uint64_t& word) const {
+    return stack.read(frame - kWord * below, word);
+  }
+};
+
+template <class Words, std::size_t... others>
+StepStatus restoreCompact(const CompactRow& row, std::uint64_t frame, const Words& words, WalkState& state,
+                          std::index_sequence<others...>) {
+  Registers& registers = state.registers;
+  std::uint64_t returnAddress = 0;
+  if (row.saved[0] != 0) {
+    if (!words(row.saved[0], returnAddress)) return StepStatus::unreadable;
+  } else if (!registers.has(kReturnColumn)) {
+    return state.missed(kReturnColumn);
+  } else {
+    returnAddress = registers.value[kReturnColumn];
+  }
+  std::uint64_t known = std::uint64_t{1} << kStackPointer, lost = 0;
+  const auto restore = [&](unsigned number, std::uint8_t below) {
+    if (below == 0) return;
+    (words(below, registers.value[number]) ? known : lost) |= std::uint64_t{1} << number;
+  };
+  (restore(kTrackedRegisters[others + 1], row.saved[others + 1]), ...);
+  registers.value[kStackPointer] = frame;
+  registers.valid = (registers.valid | known) & ~lost;
+  state.neverKnown &= ~(known | lost);
+  return returnTo(returnAddress, row.signalFrame, state);
 }
 
 std::uint64_t frameAddress(const Row& row, FrameInput& input) {
@@ -101,25 +156,13 @@ StepStatus stepCompact(const CompactRow& row, const StackView& stack, WalkState&
   const std::uint64_t frame =
       registers.value[row.frameRegister] + static_cast<std::uint64_t>(std::int64_t{row.frameOffset});
   if (!state.order.admits(frame, row.signalFrame)) return StepStatus::damaged;
-  std::uint64_t returnAddress = 0;
-  if (row.saved[0] != 0) {
-    if (!stack.read(frame - 8U * row.saved[0], returnAddress)) return StepStatus::unreadable;
-  } else if (kReturnColumn == kProgramCounter || !registers.has(kReturnColumn)) {
-    return kReturnColumn == kProgramCounter ? StepStatus::damaged : state.missed(kReturnColumn);
-  } else {
-    returnAddress = registers.value[kReturnColumn];
+  if (kReturnColumn == kProgramCounter && row.saved[0] == 0) return StepStatus::damaged;
+  constexpr auto kOthers = std::make_index_sequence<kTrackedRegisters.size() - 1>();
+  if (savesNearby(row) && stack.holdsBelow(frame, kNearbyWords * kWord)) {
+    const std::byte* const bytes = stack.bytes + (frame - stack.base);
+    return restoreCompact(row, frame, WordsOfCopy{bytes}, state, kOthers);
   }
-  for (std::size_t i = 1; i < kTrackedRegisters.size(); ++i) {
-    if (row.saved[i] == 0) continue;
-    std::uint64_t value = 0;
-    if (stack.read(frame - 8U * row.saved[i], value)) {
-      state.give(kTrackedRegisters[i], value);
-    } else {
-      state.take(kTrackedRegisters[i]);
-    }
-  }
-  registers.set(kStackPointer, frame);
-  return returnTo(returnAddress, row.signalFrame, state);
+  return restoreCompact(row, frame, WordsOfView{stack, frame}, state, kOthers);
 }
 
 StepStatus stepFull(const Row& row, const FrameEntry& entry, const StackView& stack, WalkState& state) {
