@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -253,6 +254,17 @@ TEST_F(CommandLine, TellsWhyNothingWasPosted) {
   expectRefused({"post", std::to_string(getpid()), "name", "a=1", "a=2"}, 2, "'a' is given twice");
   expectRefused({"post", std::to_string(getpid()), "name"}, 1, "has no control socket");
   expectRefused({"post", "2147483647", "name"}, 1, "there is no process 2147483647");
+}
+
+TEST_F(CommandLine, WatchesLineByLineWithoutATerminal) {
+  const std::string self = std::to_string(getpid());
+  place(self + "/freeze/light/quibapp_stuck_2026-11-16_16_44_12.hang", golden());
+  const Outcome outcome = command({"watch", "--once", "--interval", "0.1", self});
+  EXPECT_EQ(outcome.code, 0) << outcome.errors;
+  EXPECT_THAT(outcome.out, testing::ContainsRegex("^[-0-9]+ [:0-9]+  memory [.0-9]+ MB  cpu [0-9]+ %"));
+  EXPECT_THAT(outcome.out, HasSubstr("reports 1  last 2026-11-16 16:44:12 hang light, paint::Canvas::open"));
+  EXPECT_EQ(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 1);
+  expectRefused({"watch", "2147483647"}, 1, "there is no process 2147483647");
 }
 
 TEST_F(CommandLine, KnowsWhatTheMachineAllows) {

@@ -29,6 +29,7 @@ void addPostCommand(CLI::App& app, Context& context);
 void addReportsCommand(CLI::App& app, Context& context);
 void addShowCommand(CLI::App& app, Context& context);
 void addStacksCommand(CLI::App& app, Context& context);
+void addWatchCommand(CLI::App& app, Context& context);
 void addDoctorCommand(CLI::App& app, Context& context);
 
 }  // namespace qbv::cli

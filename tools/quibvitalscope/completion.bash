@@ -59,7 +59,7 @@ _quibvitalscope() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   if [ "$COMP_CWORD" = 1 ]; then
-    _quibvitalscope_words "run post reports show stacks doctor --help --version" "$current"
+    _quibvitalscope_words "run post reports show stacks watch doctor --help --version" "$current"
     return
   fi
   case ${COMP_WORDS[1]} in
@@ -96,6 +96,12 @@ _quibvitalscope() {
         *)
           mapfile -t COMPREPLY < <(compgen -f -- "$current"; _quibvitalscope_stack_files "$current")
           compopt -o filenames 2>/dev/null ;;
+      esac ;;
+    watch)
+      case $previous,$current in
+        --interval,*) ;;
+        *,-*) _quibvitalscope_words "--interval --once --help" "$current" ;;
+        *) _quibvitalscope_words "$(_quibvitalscope_pids)" "$current" ;;
       esac ;;
     doctor) _quibvitalscope_words "--json --help" "$current" ;;
   esac

@@ -1,57 +1,59 @@
-#include <filesystem>
-#include <fstream>
+#include <cmath>
 #include <string>
 
 #include "tools/quibvitalscope/doctor_checks.h"
+#include "vitalscope/platform/linux/block_devices.h"
+#include "vitalscope/platform/linux/power_supplies.h"
 
 namespace qbv::cli {
 namespace {
 
-namespace fs = std::filesystem;
 using State = Check::State;
 
-std::string content(const fs::path& path) {
-  std::ifstream file(path);
-  std::string word;
-  file >> word;
-  return word;
+constexpr char kPowerSupplies[] = "/sys/class/power_supply";
+constexpr char kDrives[] = "/sys/block";
+
+void append(std::string& list, const std::string& item) {
+  list += (list.empty() ? "" : ", ") + item;
 }
 
-// Names of the folder's entries that `wanted` accepts, with blanks between.
-template <class Predicate>
-std::string entries(const char* folder, Predicate wanted) {
-  std::string names;
-  std::error_code error;
-  for (fs::directory_iterator entry(folder, error); !error && entry != fs::directory_iterator();
-       entry.increment(error))
-    if (wanted(entry->path())) names += (names.empty() ? "" : " ") + entry->path().filename().string();
-  return names;
+std::string describe(const std::string& name) {
+  const auto battery = linux_backend::batteryIn(kPowerSupplies, name);
+  if (!battery || !battery->presentCharge || battery->fullCharge.value_or(0) <= 0) return name;
+  const double percent =
+      100.0 * static_cast<double>(*battery->presentCharge) / static_cast<double>(*battery->fullCharge);
+  return name + " at " + std::to_string(std::lround(percent)) + " %" +
+         (battery->amperage && battery->voltage ? "" : ", which tells no draw");
 }
 
-bool isBattery(const fs::path& supply) {
-  const std::string scope = content(supply / "scope");
-  return content(supply / "type") == "Battery" && scope != "Device";
+Check battery() {
+  std::string found;
+  for (const auto& name : linux_backend::batteriesIn(kPowerSupplies).value_or(std::vector<std::string>()))
+    append(found, describe(name));
+  Check check{"battery", State::works, false, found, "reports of heavy battery draw", ""};
+  if (!found.empty()) return check;
+  check.state = State::limited;
+  check.finding = "this machine has none";
+  check.fallback = "the battery monitor has nothing to watch";
+  return check;
 }
 
-bool isDrive(const fs::path& device) {
-  const std::string name = device.filename().string();
-  const bool made = name.starts_with("loop") || name.starts_with("ram") || name.starts_with("zram");
-  return !made && !content(device / "stat").empty();
-}
-
-Check found(const char* name, const std::string& names, const char* nothing, const char* purpose,
-            const char* fallback) {
-  if (names.empty()) return {name, State::limited, false, nothing, purpose, fallback};
-  return {name, State::works, false, names, purpose, ""};
+Check drives() {
+  std::string found;
+  for (const auto& name : linux_backend::drivesIn(kDrives).value_or(std::vector<std::string>()))
+    append(found, name);
+  Check check{"drives", State::works, false, found, "disk input and output", ""};
+  if (!found.empty()) return check;
+  check.state = State::limited;
+  check.finding = "no drive tells its counters";
+  check.fallback = "the disk monitor has nothing to watch";
+  return check;
 }
 
 }  // namespace
 
 std::vector<Check> deviceChecks() {
-  return {found("battery", entries("/sys/class/power_supply", isBattery), "this machine has none",
-                "reports of heavy battery draw", "the battery monitor has nothing to watch"),
-          found("drives", entries("/sys/block", isDrive), "no drive tells its counters",
-                "disk input and output", "the disk monitor has nothing to watch")};
+  return {battery(), drives()};
 }
 
 }  // namespace qbv::cli
