@@ -1,6 +1,8 @@
 #include "vitalscope/platform/allocator.h"
 
+#include <atomic>
 #include <cstdlib>
+#include <mutex>
 
 #include "vitalscope/platform/linux/areas.h"
 #include "vitalscope/platform/linux/page_zone.h"
@@ -13,6 +15,39 @@ extern "C" [[gnu::weak, gnu::visibility("hidden")]] void* qbv_interposed_malloc(
 namespace qbv::linux_backend {
 
 namespace {
+
+// A logger that for a moment stands in front of the one in use and listens for one allocation.
+namespace probe {
+
+constexpr std::size_t kBytes = 4099;
+
+constinit std::mutex lock;
+constinit std::atomic<malloc_logger_t*> next{nullptr};
+constinit std::atomic<const void*> thread{nullptr};
+constinit std::atomic<bool> heard{false};
+
+void listen(std::uint32_t type, std::uintptr_t zone, std::uintptr_t argument2, std::uintptr_t argument3,
+            std::uintptr_t result, std::uint32_t framesToSkip) {
+  if (argument2 == kBytes && thread.load() == __builtin_thread_pointer()) heard.store(true);
+  malloc_logger_t* const present = next.load();
+  if (present != nullptr) present(type, zone, argument2, argument3, result, framesToSkip + 1);
+}
+
+bool isHeard(void* (*allocate)(std::size_t)) {
+  const std::lock_guard guard(lock);
+  heard.store(false);
+  thread.store(__builtin_thread_pointer());
+  next.store(__atomic_load_n(&malloc_logger, __ATOMIC_ACQUIRE));
+  __atomic_store_n(&malloc_logger, &listen, __ATOMIC_RELEASE);
+  std::free(allocate(kBytes));
+  malloc_logger_t* listening = &listen;  // a logger that somebody else has set meanwhile stays
+  __atomic_compare_exchange_n(&malloc_logger, &listening, next.load(), false, __ATOMIC_ACQ_REL,
+                              __ATOMIC_RELAXED);
+  thread.store(nullptr);
+  return heard.load();
+}
+
+}  // namespace probe
 
 class LinuxAllocator final : public Allocator {
  public:
@@ -28,11 +63,11 @@ class LinuxAllocator final : public Allocator {
   }
 
   // What the name means to this library is what it means to everybody whom the loader bound without one of
-  // their own.
+  // their own. A program that is linked to a fixed address may give it the address of a jump of its own.
   bool mallocLoggerSeesHeap() override {
     void* (*volatile own)(std::size_t) = qbv_interposed_malloc;
     void* (*volatile everybodys)(std::size_t) = std::malloc;
-    return own != nullptr && own == everybodys;
+    return own != nullptr && (own == everybodys || probe::isHeard(everybodys));
   }
 };
 
