@@ -7,7 +7,7 @@ REPEAT ?= until-fail:1
 
 SOURCES = $(shell git ls-files '*.h' '*.cpp' '*.c')
 
-.PHONY: all demo test test-asan test-tsan bench fuzz format format-check lint install clean
+.PHONY: all demo test test-asan test-tsan bench fuzz soak format format-check lint install clean
 
 all: build/release/.configured
 	cmake --build --preset release -j $(JOBS)
@@ -45,6 +45,12 @@ fuzz:
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz -j $(JOBS)
 	scripts/fuzz build/fuzz
+
+# A GTK application under the monitor for SOAK_MINUTES (30): memory, reports, descriptors, exit.
+soak: export SOAK_MINUTES ?= 30
+soak: all
+	scripts/setup test
+	scripts/soak build/release
 
 format:
 	scripts/setup lint
