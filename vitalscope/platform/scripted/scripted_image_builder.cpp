@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::align_val_t kAlignment{16};
 constexpr std::size_t kTableAlignment = 8;
+constexpr std::size_t kWord = 8;
 
 void append(std::vector<std::byte>& bytes, const void* data, std::size_t size) {
   const auto* const begin = static_cast<const std::byte*>(data);
@@ -38,10 +39,14 @@ Segment segmentNamed(std::uint32_t cmd, const std::string& name) {
   return segment;
 }
 
+void align(std::vector<std::byte>& image) {
+  image.resize((image.size() + kTableAlignment - 1) / kTableAlignment * kTableAlignment);
+}
+
 // Puts the entries and then the strings behind the image's bytes and tells the command where.
 void appendTable(std::vector<std::byte>& image, const std::vector<ScriptedSymbol>& symbols,
                  symtab_command& command) {
-  image.resize((image.size() + kTableAlignment - 1) / kTableAlignment * kTableAlignment);
+  align(image);
   std::string strings(1, '\0');
   command.symoff = static_cast<std::uint32_t>(image.size());
   command.nsyms = static_cast<std::uint32_t>(symbols.size());
@@ -71,6 +76,12 @@ ScriptedImage::ScriptedImage(std::vector<std::byte> bytes, std::intptr_t slide)
 
 void ScriptedImage::Free::operator()(std::byte* bytes) const noexcept {
   ::operator delete[](bytes, kAlignment);
+}
+
+std::uint64_t ScriptedImage::slot(std::size_t number) const {
+  std::uint64_t value = 0;
+  std::memcpy(&value, bytes_.get() + slots_.at(number), sizeof value);
+  return value;
 }
 
 bool ScriptedImage::holds(const void* address, std::size_t size) const noexcept {
@@ -156,6 +167,37 @@ ScriptedImageBuilder& ScriptedImageBuilder::rawSymtab(std::uint32_t symoff, std:
   return *this;
 }
 
+ScriptedImageBuilder& ScriptedImageBuilder::slots(const std::string& segment,
+                                                  std::vector<ScriptedSlotSection> sections) {
+  auto command = segmentNamed<segment_command_64>(LC_SEGMENT_64, segment);
+  command.nsects = static_cast<std::uint32_t>(sections.size());
+  command.cmdsize += static_cast<std::uint32_t>(sections.size() * sizeof(section_64));
+  Command added{bytesOf(command), {}, false};
+  for (const ScriptedSlotSection& one : sections) {
+    section_64 section{};
+    const std::string name = one.segname.value_or(segment);
+    std::memcpy(section.segname, name.data(), std::min(name.size(), sizeof section.segname));
+    section.size = one.size.value_or(one.slots.size() * kWord);
+    section.flags = one.type;
+    append(added.bytes, &section, sizeof section);
+  }
+  added.slots = slotSections_.size();
+  commands_.push_back(std::move(added));
+  slotSections_.push_back(std::move(sections));
+  return *this;
+}
+
+ScriptedImageBuilder& ScriptedImageBuilder::indirectSymbols(std::optional<std::uint32_t> count) {
+  dysymtab_command command{};
+  command.cmd = LC_DYSYMTAB;
+  command.cmdsize = sizeof command;
+  Command added{bytesOf(command), {}, false};
+  added.indirect = true;
+  added.indirectCount = count;
+  commands_.push_back(std::move(added));
+  return *this;
+}
+
 ScriptedImageBuilder& ScriptedImageBuilder::uuid(const std::array<std::uint8_t, 16>& bytes) {
   return command(LC_UUID, std::as_bytes(std::span(bytes)));
 }
@@ -193,7 +235,7 @@ ScriptedImageBuilder& ScriptedImageBuilder::truncate(std::size_t size) {
   return *this;
 }
 
-std::vector<std::byte> ScriptedImageBuilder::layOut() const {
+std::vector<std::byte> ScriptedImageBuilder::layOut(std::vector<std::size_t>& slotOffsets) const {
   mach_header_64 header{};
   header.magic = magic_;
   header.cputype = cpuType_;
@@ -215,13 +257,47 @@ std::vector<std::byte> ScriptedImageBuilder::layOut() const {
     }
     offset += command.bytes.size();
   }
+  // The words of the slots, each section's address being its offset for now; then their indirect symbols.
+  std::vector<std::uint32_t> indirect;
+  offset = headerSize();
+  for (const Command& command : commands_) {
+    std::size_t record = offset + sizeof(segment_command_64);
+    for (const ScriptedSlotSection& section :
+         command.slots ? slotSections_[*command.slots] : std::vector<ScriptedSlotSection>()) {
+      align(image);
+      patch(image, record + offsetof(section_64, addr), std::uint64_t{image.size()});
+      patch(image, record + offsetof(section_64, reserved1),
+            section.firstEntry.value_or(static_cast<std::uint32_t>(indirect.size())));
+      for (const ScriptedSlot& slot : section.slots) {
+        slotOffsets.push_back(image.size());
+        append(image, &slot.value, sizeof slot.value);
+        indirect.push_back(slot.symbol);
+      }
+      record += sizeof(section_64);
+    }
+    offset += command.bytes.size();
+  }
+  align(image);
+  offset = headerSize();
+  for (const Command& command : commands_) {
+    if (command.indirect) {
+      patch(image, offset + offsetof(dysymtab_command, indirectsymoff),
+            static_cast<std::uint32_t>(image.size()));
+      patch(image, offset + offsetof(dysymtab_command, nindirectsyms),
+            command.indirectCount.value_or(static_cast<std::uint32_t>(indirect.size())));
+    }
+    offset += command.bytes.size();
+  }
+  append(image, indirect.data(), indirect.size() * sizeof(std::uint32_t));
   image.insert(image.end(), data_.begin(), data_.end());
   if (truncated_ && *truncated_ < image.size()) image.resize(*truncated_);
   return image;
 }
 
 ScriptedImage ScriptedImageBuilder::build() const {
-  ScriptedImage image(layOut(), slide_);
+  std::vector<std::size_t> slotOffsets;
+  ScriptedImage image(layOut(slotOffsets), slide_);
+  image.slots_ = slotOffsets;
   const auto place = reinterpret_cast<std::uintptr_t>(image.header());
   if (linkeditBase_) image.slide_ = static_cast<std::intptr_t>(place - *linkeditBase_);
   std::size_t offset = headerSize();
@@ -231,6 +307,15 @@ ScriptedImage ScriptedImageBuilder::build() const {
       std::memcpy(&segment, command.bytes.data(), sizeof segment);
       segment.vmaddr = place + segment.fileoff - static_cast<std::uint64_t>(image.slide_);
       patch(std::span(image.bytes(), image.size()), offset, segment);
+    }
+    for (std::size_t i = 0; command.slots && i < slotSections_[*command.slots].size(); ++i) {
+      const std::size_t at =
+          offset + sizeof(segment_command_64) + i * sizeof(section_64) + offsetof(section_64, addr);
+      std::uint64_t address = 0;
+      if (at + sizeof address > image.size()) continue;
+      std::memcpy(&address, image.bytes() + at, sizeof address);
+      address += place - static_cast<std::uint64_t>(image.slide_);
+      patch(std::span(image.bytes(), image.size()), at, address);
     }
     offset += command.bytes.size();
   }

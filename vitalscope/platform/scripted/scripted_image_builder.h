@@ -23,6 +23,21 @@ struct ScriptedSymbol {
   std::optional<std::uint32_t> nameOffset = {};  // instead of the name's own place in the string table
 };
 
+// A symbol pointer slot: an index into the image's last symbol table, or a mark such as
+// INDIRECT_SYMBOL_LOCAL, and what the slot holds.
+struct ScriptedSlot {
+  std::uint32_t symbol = 0;
+  std::uint64_t value = 0;
+};
+
+struct ScriptedSlotSection {
+  std::uint32_t type = S_LAZY_SYMBOL_POINTERS;
+  std::vector<ScriptedSlot> slots;
+  std::optional<std::string> segname = {};       // instead of the segment's own name
+  std::optional<std::uint64_t> size = {};        // instead of 8 bytes a slot
+  std::optional<std::uint32_t> firstEntry = {};  // instead of where its indirect symbols are
+};
+
 // An image in memory at a fixed address. Its bytes lie in a block of exactly their size, so that a read past
 // the end is found by an address sanitizer. Moving it does not move the bytes.
 class ScriptedImage {
@@ -38,6 +53,8 @@ class ScriptedImage {
     return vmaddr + static_cast<std::uint64_t>(slide_);
   }
   bool holds(const void* address, std::size_t size) const noexcept;
+  // What the slots hold now, counted over all sections in the order of the builder's calls.
+  std::uint64_t slot(std::size_t number) const;
 
  private:
   friend class ScriptedImageBuilder;
@@ -47,6 +64,7 @@ class ScriptedImage {
   std::unique_ptr<std::byte[], Free> bytes_;
   std::size_t size_ = 0;
   std::intptr_t slide_ = 0;
+  std::vector<std::size_t> slots_;  // offsets of their words
 };
 
 // Commands are written in the order of the calls. The tables of symbols() are found by readers through a
@@ -85,6 +103,11 @@ class ScriptedImageBuilder {
   // LC_SYMTAB with figures of the test's own.
   ScriptedImageBuilder& rawSymtab(std::uint32_t symoff, std::uint32_t nsyms, std::uint32_t stroff,
                                   std::uint32_t strsize);
+  // A 64-bit segment with sections of symbol pointers, whose words lie behind the tables; their addresses
+  // follow from where the bytes lie and the slide.
+  ScriptedImageBuilder& slots(const std::string& segment, std::vector<ScriptedSlotSection> sections);
+  // LC_DYSYMTAB for the indirect symbols of all slots, or with an entry count of the test's own.
+  ScriptedImageBuilder& indirectSymbols(std::optional<std::uint32_t> count = {});
   ScriptedImageBuilder& uuid(const std::array<std::uint8_t, 16>& bytes);
   ScriptedImageBuilder& sortedSymbols();  // LC_QBV_SORTED_SYMTAB
   // Any command: cmd, cmdsize = 8 + payload (or the size given), payload.
@@ -105,11 +128,14 @@ class ScriptedImageBuilder {
  private:
   struct Command {
     std::vector<std::byte> bytes;
-    std::optional<std::size_t> table;  // index of the table that an LC_SYMTAB describes
-    bool fixLinkedit = false;          // vmaddr follows from the place of the bytes
+    std::optional<std::size_t> table;       // index of the table that an LC_SYMTAB describes
+    bool fixLinkedit = false;               // vmaddr follows from the place of the bytes
+    std::optional<std::size_t> slots = {};  // index of the sections that a segment has
+    bool indirect = false;                  // an LC_DYSYMTAB
+    std::optional<std::uint32_t> indirectCount = {};
   };
   std::size_t headerSize() const noexcept;
-  std::vector<std::byte> layOut() const;
+  std::vector<std::byte> layOut(std::vector<std::size_t>& slotOffsets) const;
 
   Width width_;
   std::uint32_t magic_;
@@ -119,6 +145,7 @@ class ScriptedImageBuilder {
   std::optional<std::uint64_t> linkeditBase_;  // vmaddr − fileoff of linkeditAt
   std::vector<Command> commands_;
   std::vector<std::vector<ScriptedSymbol>> tables_;
+  std::vector<std::vector<ScriptedSlotSection>> slotSections_;
   std::vector<std::byte> data_;
   std::optional<std::uint32_t> ncmds_;
   std::optional<std::uint32_t> sizeofcmds_;
