@@ -7,11 +7,10 @@
 #include <cstring>
 #include <vector>
 
-#include "fuzz/one_image.h"
 #include "vitalscope/platform/linux/elf_definition.h"
 #include "vitalscope/platform/linux/elf_slots.h"
 #include "vitalscope/platform/linux/image_slots.h"
-#include "vitalscope/platform/platform.h"
+#include "vitalscope/platform/scripted/scripted_platform.h"
 #include "vitalscope/profiler/qb_symbol_rebind.h"
 
 namespace {
@@ -22,28 +21,19 @@ void require(bool condition) {
   if (!condition) std::abort();
 }
 
-// The rest of the real set is never asked.
-template <typename Use>
-void withImages(qbv::Images& images, Use use) {
-  const qbv::Platform& real = qbv::linux_backend::platform();
-  const qbv::Platform set{real.task,          images,         real.runtime,  real.dispatch, real.runLoop,
-                          real.notifications, real.processes, real.files,    real.clock,    real.dates,
-                          real.log,           real.hostInfo,  real.allocator};
-  const qbv::ScopedPlatform installed(set);
-  use();
-}
-
 void rebind(const std::uint8_t* data, std::size_t size) {
-  qbv::fuzz::OneImage image(data, size, kStart);
+  const auto* const bytes = reinterpret_cast<const std::byte*>(data);
+  std::vector<std::byte> content(bytes, bytes + size);
+  qbv::ScriptedPlatform scripted;
+  const std::uint32_t place = scripted.images.add(qbv::ScriptedImage(content, 0), "/usr/lib/libhostile.so");
+  qbv::ScriptedImage& image = scripted.images.image(place);
+  const auto start = reinterpret_cast<std::uint64_t>(image.header());
   void* replaced = nullptr;
   qb_rebinding request{"objc_msgSend", reinterpret_cast<void*>(0x1234567890abcdef), &replaced};
   const qb_rebindings_entry list{&request, 1, nullptr};
-  withImages(image, [&] {
-    qb_rebind_symbols_for_image(&list,
-                                static_cast<const qbv::mach_header_64*>(image._dyld_get_image_header(0)),
-                                image._dyld_get_image_vmaddr_slide(0));
-  });
-  const auto* const after = static_cast<const std::uint8_t*>(image._dyld_get_image_header(0));
+  qb_rebind_symbols_for_image(&list, static_cast<const qbv::mach_header_64*>(image.header()),
+                              static_cast<std::intptr_t>(start - kStart));
+  const auto* const after = reinterpret_cast<const std::uint8_t*>(image.bytes());
   for (std::size_t i = 0; i < size;) {
     if (after[i] == data[i]) {
       ++i;

@@ -107,10 +107,10 @@ TEST(ProfilePage, NamesCannotEndItsText) {
 }
 
 TEST(ProfileValue, HoldsTheTree) {
-  EXPECT_EQ(
-      profileValue(callTree({{"Bar", "parse:", true, 1500, 1}, {"Foo", "\"x\"", false, 300000, 0}})).toJSON(),
-      R"({"records":[{"class":"Foo","classMethod":false,"method":"\"x\"","milliseconds":300.0,)"
-      R"("records":[{"class":"Bar","classMethod":true,"method":"parse:","milliseconds":1.5}]}]})");
+  EXPECT_EQ(profileValue(callTree({{"Bar", "parse:", true, 1500, 1}, {"Foo", "\"x\"", false, 300000, 0}}))
+                .jsonText(),
+            R"({"records":[{"class":"Foo","classMethod":false,"method":"\"x\"","milliseconds":300.0,)"
+            R"("records":[{"class":"Bar","classMethod":true,"method":"parse:","milliseconds":1.5}]}]})");
 }
 
 }  // namespace

@@ -24,6 +24,8 @@ class ElfSlots {
  public:
   explicit ElfSlots(const ElfObject& object);
 
+  // No more than so many slots.
+  std::size_t most() const { return relocations_.size() + jumps_.size(); }
   // Each slot, in the order of the tables: take(const ElfSlot&).
   template <typename Take>
   void visit(Take take) const {

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 #include <limits>
+#include <vector>
 
 #include "vitalscope/platform/linux/elf_slots.h"
 #include "vitalscope/platform/linux/image_description.h"
@@ -32,9 +33,11 @@ constexpr std::size_t kGroups = kKinds * std::tuple_size_v<decltype(ElfObject::d
 
 class Builder {
  public:
-  Builder(const ElfObject& object, bool executable)
-      : object_(object), executable_(executable), slots_(object) {
-    slots_.visit([this](const ElfSlot& slot) {
+  Builder(const ElfObject& object, bool executable) : object_(object), executable_(executable) {
+    const ElfSlots table(object);
+    slots_.reserve(table.most());
+    table.visit([this](const ElfSlot& slot) {
+      slots_.push_back(slot);
       Group& group = groupOf(slot);
       group.low = std::min(group.low, slot.address);
       group.high = std::max(group.high, slot.address);
@@ -54,18 +57,18 @@ class Builder {
     auto* const strings = reinterpret_cast<char*>(block.data() + symbols_.strings);
     std::uint32_t next = 1;
     std::uint32_t number = 0;
-    slots_.visit([&](const ElfSlot& slot) {
+    for (const ElfSlot& slot : slots_) {
       const Group& group = groupOf(slot);
-      const std::uint64_t end = std::uint64_t{next} + slot.nameSize + 2;
-      if (!group.dense() || number == symbols_.count || end > symbols_.stringsSize) return;
+      if (!group.dense()) continue;
+      const std::uint32_t end = next + slot.nameSize + 2;
       const DescribedSlots::Section& section = sections_[group.section];
       indirect[section.first + (slot.address - group.low) / kWord] = number;
       symbols[number++] = {next, 0, 0, 0, 0};
       strings[next] = '_';
       std::memcpy(strings + next + 1, slot.name, slot.nameSize);
       strings[end - 1] = '\0';
-      next = static_cast<std::uint32_t>(end);
-    });
+      next = end;
+    }
     strings[0] = '\0';
     writeDescription(object_, executable_, block, {&symbols_, false, &described_});
   }
@@ -101,7 +104,7 @@ class Builder {
 
   const ElfObject& object_;
   bool executable_;
-  ElfSlots slots_;
+  std::vector<ElfSlot> slots_;
   std::array<Group, kGroups> groups_;
   std::array<DescribedSlots::Section, kGroups> sections_;
   std::size_t count_ = 0;
