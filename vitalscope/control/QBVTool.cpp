@@ -24,6 +24,15 @@ std::string queueLabel(const std::string& suffix) {
   return label;
 }
 
+std::string shellWord(const std::string& text) {
+  constexpr std::string_view kPlain =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_@%+=:,./-";
+  if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) return text;
+  std::string word = "'";
+  for (const char letter : text) word += letter == '\'' ? std::string("'\\''") : std::string(1, letter);
+  return word + "'";
+}
+
 namespace {
 
 std::optional<std::string> profileEmail() {

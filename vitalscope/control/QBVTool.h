@@ -16,6 +16,10 @@ QBV_EXPORT const char* mailDomain() noexcept;
 // "example.quibapp.mainthread.monitor". Any thread.
 std::string queueLabel(const std::string& suffix);
 
+// The text as one word of a shell's command line: as it is when nothing in it means anything to a shell, else
+// in single quotes. Any thread.
+QBV_EXPORT std::string shellWord(const std::string& text);
+
 }  // namespace qbv
 
 // Stateless. All operations: any thread, not in signal handlers.

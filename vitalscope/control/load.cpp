@@ -3,6 +3,7 @@
 #include "vitalscope/control/QBVLaunchManager.h"
 #include "vitalscope/control/QBVitalscope.h"
 #include "vitalscope/dashboard/QBVitalscopeDashboard.h"
+#include "vitalscope/hang/QBVitalscopeANRMonitor.h"
 #include "vitalscope/memory/QBAllocateMemoryMonitor.h"
 #include "vitalscope/memory/QBObjectAllocMonitor.h"
 #include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
@@ -10,6 +11,7 @@
 #include "vitalscope/probes/QBVitalscopeBacktrace.h"
 #include "vitalscope/report/QBVReportSources.h"
 #include "vitalscope/report/QBVitalscopeReport.h"
+#include "vitalscope/report/report_class.h"
 
 namespace qbv {
 
@@ -23,6 +25,19 @@ QBVReportSources sources() {
   sources.inOneHourMemoryUsageRecords = [] {
     return QBVitalscopeMemoryMonitor::sharedInstance()->inOneHourMemoryUsageRecords();
   };
+  sources.launchTime = [] { return std::optional(QBVitalscopeDashboard::sharedInstance()->launchTime()); };
+  sources.realTimeMemoryArray = [] {
+    const auto samples = QBVitalscopeMemoryMonitor::sharedInstance()->realTimeMemoryArray();
+    return Value(Value::Array(samples.begin(), samples.end()));
+  };
+  sources.cpuUseageRecords = [] {
+    const auto jumps = QBVitalscopeANRMonitor::sharedInstance()->cpuUseageRecords();
+    return Value(Value::Array(jumps.begin(), jumps.end()));
+  };
+  sources.runTimeANRInfo = [] {
+    const auto hangs = QBVitalscopeANRMonitor::sharedInstance()->runTimeANRInfo();
+    return Value(Value::Dictionary(hangs.begin(), hangs.end()));
+  };
   return sources;
 }
 
@@ -30,6 +45,7 @@ QBVReportSources sources() {
 
 void load() {
   setReportSources(sources());
+  defineReportClass();
   QBVLaunchManager::setLaunchTimeReceiver(
       [](double seconds) { QBVitalscopeDashboard::sharedInstance()->setLaunchTime(seconds); });
   QBVBatteryMonitor::setPowerReport([] {

@@ -10,6 +10,7 @@
 #include "vitalscope/probes/QBVBatteryMonitor.h"
 #include "vitalscope/probes/QBVIOMonitor.h"
 #include "vitalscope/report/QBVitalscopeReport.h"
+#include "vitalscope/report/QBVitalscopeUploader.h"
 
 namespace qbv {
 
@@ -41,6 +42,8 @@ std::span<const Monitor> monitors() {
       Monitor{"battery", true, [] { QBVBatteryMonitor::sharedInstance()->start(); },
               [] { QBVBatteryMonitor::sharedInstance()->stop(); }},
       Monitor{"host log folder", true, [] { QBVitalscopeReport::sharedInstance()->cleanLogFile(); }, nullptr},
+      Monitor{"record uploads", true,
+              [] { QBVitalscopeUploader::sharedInstance()->uploadRuntimePerformanceRecords(); }, nullptr},
       Monitor{"drives", true, [] { QBVIOMonitor::sharedInstance()->start(); },
               [] { QBVIOMonitor::sharedInstance()->stop(); }},
   };

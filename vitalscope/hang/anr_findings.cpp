@@ -101,5 +101,5 @@ void QBVitalscopeANRMonitor::saveReportInfoWithReason(QBVReportReason reason) {
 void QBVitalscopeANRMonitor::sampleInfo(std::uint64_t level, const std::string& reportId) {
   const std::string path = QBVitalscopeReport::sharedInstance()->localFilePathWithReportId(
       reportId, QBVReportReasonMainThreadBlock, static_cast<unsigned>(level), true);
-  QBVTool::cmd("sample " + QBVTool::currentProcessID() + " 1 -file " + path);
+  QBVTool::cmd("sample " + QBVTool::currentProcessID() + " 1 -file " + qbv::shellWord(path));
 }

@@ -27,10 +27,21 @@ QBVitalscopeReport* QBVitalscopeReport::sharedInstance() {
 QBVitalscopeReport::QBVitalscopeReport() : gate_(std::make_unique<Gate>()) {
   initSystemInfo();
   setStartTime(now());
-  if (QBVTool::isLogVersion()) createStandingFolders();
+  qbv::platform().dispatch.dispatch_resume(syncMemoryRecordTimer());
+  listenToUser();
 }
 
 QBVitalscopeReport::~QBVitalscopeReport() = default;
+
+void QBVitalscopeReport::listenToUser() {
+  qbv::NotificationCentre& host = qbv::platform().notifications.defaultCenter();
+  for (const char* name : {"quib_user_report_performance_log", "qbcrash_report_panel_send_button_action"})
+    host.addObserver(name, [this](const qbv::Notification&) { userUploadLog(); });
+  if (!QBVTool::isLogVersion()) return;
+  host.addObserver("open_diagnostic_folder",
+                   [this](const qbv::Notification& wish) { openDiagnosticFolder(wish); });
+  createStandingFolders();
+}
 
 void QBVitalscopeReport::createStandingFolders() const {
   createDirectory(localLogFolderRootPath());

@@ -1,8 +1,10 @@
-// Diagnostic reports: the folder tree, the text, the gate and the writing, and keeping the tree small.
+// Diagnostic reports: the folder tree, the text, the gate and the writing, keeping the tree small, the
+// records of the day, and what the user asks for.
 #pragma once
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -10,7 +12,9 @@
 
 #include "vitalscope/platform/clock.h"
 #include "vitalscope/platform/dates.h"
+#include "vitalscope/platform/dispatch.h"
 #include "vitalscope/platform/export.h"
+#include "vitalscope/platform/notifications.h"
 #include "vitalscope/platform/value.h"
 #include "vitalscope/report/QBVReportFunctions.h"
 #include "vitalscope/report/QBVSystemFacts.h"
@@ -23,8 +27,9 @@ class QBV_EXPORT QBVitalscopeReport {
   // The one object, made on the first call and never destroyed.
   static QBVitalscopeReport* sharedInstance();
 
-  // Reads the system facts and the start time; in log-keeping builds also makes the folders that others write
-  // to. Reachable for tests: an instance must live as long as the process, background work refers to it.
+  // Reads the system facts and the start time, starts the timer of the daily records and listens to the
+  // user's wishes; in log-keeping builds also makes the folders that others write to. Reachable for tests: an
+  // instance must live as long as the process, background work refers to it.
   QBVitalscopeReport();
   ~QBVitalscopeReport();
   QBVitalscopeReport(const QBVitalscopeReport&) = delete;
@@ -194,13 +199,60 @@ class QBV_EXPORT QBVitalscopeReport {
   static std::vector<std::string> getContentsOfDirectoryByTimeOrderAtPath(
       const std::vector<std::string>& paths);
 
+  // ---- Records of the day (snapshots.cpp)
+  // ------------------------------------------------------------------------------------
+
+  // The timer that calls syncMemoryRecordsToDisk now and every 60 seconds once it is resumed; made on first
+  // use.
+  qbv::DispatchTimerRef syncMemoryRecordTimer();
+  void setSyncMemoryRecordTimer(qbv::DispatchTimerRef timer);
+  // Replaces today's file in the level-5 folder by the records of this moment, one line of JSON; by nothing
+  // when they are no valid JSON. In builds that keep no logs nothing happens.
+  void syncMemoryRecordsToDisk();
+  // Writes records of hangs, a dictionary or an array, as readable JSON into today's file of the inspect info
+  // folder, which it does not make. What is no valid JSON is not written.
+  void syncANRRecordsToDisk(const qbv::Value& records);
+
+  // ---- What the user asks for (user_actions.cpp)
+  // ------------------------------------------------------------------------------------
+
+  // Asks for an upload of every hang level that has reports, on the global queue. Returns at once.
+  void userUploadLog();
+  // The levels of the last user upload, ascending. A copy.
+  std::vector<unsigned> uploadLogTypes() const;
+  void setUploadLogTypes(std::vector<unsigned> levels);
+  // Hang levels, ascending, whose folder holds anything. Makes the five folders, as the next two do with
+  // theirs.
+  std::vector<unsigned> allFreezeLogTypes() const;
+  void addFreezeTypeWithANRLevel(unsigned level, std::vector<unsigned>& levels) const;
+  // Newest first: 5 files of each of the levels 1 to 4 and 10 of level 5.
+  std::vector<std::string> allFreezeLogFiles() const;
+  // Every entry of the folder, hidden ones too, as folder, "/", name; in listing order.
+  std::vector<std::string> fullPathFiles(const std::string& folder) const;
+  // The newest `count` of a folder's entries, or of some paths.
+  std::vector<std::string> logFiles(const std::string& folder, std::size_t count) const;
+  std::vector<std::string> arrayOfDate(const std::vector<std::string>& paths, std::size_t count) const;
+  // Shows the diagnostic folder in the file browser, or, with "subType" "freeze", lets the user choose a hang
+  // level's folder and asks for its upload. The choice is asked for and answered on the main thread.
+  // Log-keeping builds only. Showing waits for the opener to have been started.
+  void openDiagnosticFolder(const qbv::Notification& notification);
+  // Title of the button that confirms the choice: the host's, else "Select".
+  std::string selectTitleStr() const;
+
  private:
   struct Gate;  // its state and the lock of one decision
   void createStandingFolders() const;
+  void listenToUser();
+  std::string dailyFile(const std::string& folder, const char* ending) const;
+  void showDiagnosticFolder() const;
+  void chooseFolderToUpload() const;
   bool passGate(QBVReportReason reason, unsigned level);
 
   qbv::SystemFacts system_;
   std::unique_ptr<Gate> gate_;
   std::atomic<QBVReportReason> currentUploadReason_{QBVReportReasonNone};
   std::atomic<unsigned> currentUploadANRLevel_{0};
+  mutable std::mutex lock_;  // of the two below
+  qbv::DispatchTimerRef syncMemoryRecordTimer_;
+  std::vector<unsigned> uploadLogTypes_;
 };

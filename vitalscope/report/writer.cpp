@@ -2,8 +2,8 @@
 #include "vitalscope/platform/platform.h"
 #include "vitalscope/probes/QBVitalscopeBacktrace.h"
 #include "vitalscope/report/QBVMMapFileManager.h"
-#include "vitalscope/report/QBVReportSources.h"
 #include "vitalscope/report/QBVitalscopeReport.h"
+#include "vitalscope/report/QBVitalscopeUploader.h"
 
 namespace {
 
@@ -34,8 +34,8 @@ std::string QBVitalscopeReport::writeToDiskWithBacktrace(const std::optional<std
   writeToLocal(reason == QBVReportReasonLeaks ? *backtrace
                                               : generateReportStr(*backtrace, reason, reportId, extraData),
                reason, level, reportId);
-  const auto& offer = qbv::reportSources().uploadFileWithReason;
-  if (offer && QBVTool::isLogVersion()) offer(reason, level, false);
+  if (QBVTool::isLogVersion())
+    QBVitalscopeUploader::sharedInstance()->uploadFileWithReason(reason, level, false);
   return reportId;
 }
 

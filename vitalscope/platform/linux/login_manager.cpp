@@ -1,60 +1,36 @@
 #include "vitalscope/platform/linux/login_manager.h"
 
-#include <dlfcn.h>
-
 #include <utility>
 
-// The bus library's types, opaque here.
-struct sd_bus;
-struct sd_bus_slot;
-struct sd_bus_message;
+#include "vitalscope/platform/linux/bus_library.h"
 
 namespace qbv::linux_backend {
 
 namespace {
-
-using MessageHandler = int (*)(sd_bus_message*, void* context, void* error);
 
 // The functions of the bus library that are used here, as its stable interface has them.
 struct Library {
   int (*openSystem)(sd_bus**);
   sd_bus* (*flushCloseUnref)(sd_bus*);
   int (*matchSignal)(sd_bus*, sd_bus_slot**, const char* sender, const char* path, const char* interface,
-                     const char* member, MessageHandler, void* context);
+                     const char* member, BusHandler, void* context);
   int (*process)(sd_bus*, sd_bus_message**);
   int (*descriptor)(sd_bus*);
   int (*events)(sd_bus*);
   int (*timeout)(sd_bus*, std::uint64_t* microseconds);
   int (*readBasic)(sd_bus_message*, char type, void* value);
-  bool complete = true;
 
-  explicit Library(void* handle) {
-    const auto find = [&](auto& function, const char* name) {
-      function = reinterpret_cast<std::remove_reference_t<decltype(function)>>(::dlsym(handle, name));
-      complete = complete && function != nullptr;
-    };
-    find(openSystem, "sd_bus_open_system");
-    find(flushCloseUnref, "sd_bus_flush_close_unref");
-    find(matchSignal, "sd_bus_match_signal");
-    find(process, "sd_bus_process");
-    find(descriptor, "sd_bus_get_fd");
-    find(events, "sd_bus_get_events");
-    find(timeout, "sd_bus_get_timeout");
-    find(readBasic, "sd_bus_message_read_basic");
+  template <class Find>
+  bool find(Find&& find) {
+    return find(openSystem, "sd_bus_open_system") && find(flushCloseUnref, "sd_bus_flush_close_unref") &&
+           find(matchSignal, "sd_bus_match_signal") && find(process, "sd_bus_process") &&
+           find(descriptor, "sd_bus_get_fd") && find(events, "sd_bus_get_events") &&
+           find(timeout, "sd_bus_get_timeout") && find(readBasic, "sd_bus_message_read_basic");
   }
 };
 
 const Library* library() {
-  static const Library* const opened = []() -> const Library* {
-    for (const char* const name : {"libsystemd.so.0", "libelogind.so.0"}) {
-      void* const handle = ::dlopen(name, RTLD_NOW | RTLD_LOCAL);
-      if (handle == nullptr) continue;
-      const auto* const found = new Library(handle);
-      if (found->complete) return found;
-      delete found;
-    }
-    return nullptr;
-  }();
+  static const Library* const opened = BusLibrary::open<Library>();
   return opened;
 }
 

@@ -1,5 +1,7 @@
 #include "vitalscope/platform/scripted/scripted_processes.h"
 
+#include "vitalscope/platform/platform.h"
+
 namespace qbv {
 
 std::string ScriptedProcesses::run(const std::string& commandLine) {
@@ -22,6 +24,19 @@ void ScriptedProcesses::openFile(const std::string& path) {
   openedFiles_.push_back(path);
 }
 
+void ScriptedProcesses::chooseFolder(const FolderRequest& request, FolderAnswer answer) {
+  const std::lock_guard lock(mutex_);
+  folderRequests_.push_back(request);
+  Dispatch& dispatch = platform().dispatch;
+  dispatch.dispatch_async(dispatch.dispatch_get_main_queue(),
+                          [url = chosenFolder_, answer = std::move(answer)] { answer(url); });
+}
+
+void ScriptedProcesses::setChosenFolder(std::optional<std::string> url) {
+  const std::lock_guard lock(mutex_);
+  chosenFolder_ = std::move(url);
+}
+
 void ScriptedProcesses::answer(const std::string& part, const std::string& output) {
   const std::lock_guard lock(mutex_);
   answers_.emplace_back(part, output);
@@ -41,6 +56,11 @@ std::vector<std::string> ScriptedProcesses::commandLines() const {
 std::vector<std::string> ScriptedProcesses::openedFiles() const {
   const std::lock_guard lock(mutex_);
   return openedFiles_;
+}
+
+std::vector<FolderRequest> ScriptedProcesses::folderRequests() const {
+  const std::lock_guard lock(mutex_);
+  return folderRequests_;
 }
 
 }  // namespace qbv
