@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/control/scripted_host.h"
 #include "vitalscope/control/QBVTool.h"
 #include "vitalscope/control/QBVitalscope.h"
@@ -116,7 +118,28 @@ TEST_F(ControllerTest, NothingStartsForOthersAndStoppingIsHarmless) {
   EXPECT_THAT(scripted.dispatch.timers(), IsEmpty());
   post(kSignOut);
   post(kTermination);
-  EXPECT_THAT(scripted.dispatch.timers(), IsEmpty());
+  for (const qbv::ScriptedTimerInfo& timer : scripted.dispatch.timers())
+    EXPECT_THAT(timer.queueLabel, testing::EndsWith(".apm.syncrecord")) << "more than the records of the day";
+}
+
+TEST_F(ControllerTest, WhereLogsAreKeptTheRecordsOfTheDayAreWrittenAndAskedFor) {
+  qbv::load();
+  defineInternalUser();
+  host.defineLogVersion(1);
+  scripted.runLoop.drain();
+  post(kSignIn);
+  const std::string folder = scripted.files.home() + "/Library/Logs/quibapp/Diagnostic/4242/freeze/freeze";
+  const std::vector<std::string> names = scripted.files.contentsOfDirectory(folder);
+  ASSERT_THAT(names, ElementsAre(testing::EndsWith("_inspect_info_record.hang")));
+  const auto records = qbv::Value::fromJSON(scripted.files.read(folder + "/" + names.front()).value_or(""));
+  ASSERT_TRUE(records);
+  for (const char* const key : {"LaunchTime", "Memory", "CPU", "ANR"})
+    EXPECT_FALSE((*records)[key].isNil()) << key << " is not plugged in";
+  EXPECT_GT(std::stod(*(*records)["LaunchTime"].string()), 0);
+  const std::vector<std::string> labels = scripted.dispatch.queueLabels();
+  EXPECT_EQ(
+      std::ranges::count_if(labels, [](const auto& label) { return label.ends_with(".qbv.lifecycle"); }), 2)
+      << "one timer of the uploader's own and one of the start sequence";
 }
 
 TEST_F(ControllerTest, DebugSwitchesWorkAtAnyTimeAndEachTime) {

@@ -53,7 +53,9 @@ TEST_F(RetentionTest, NestedAndHiddenFilesCount) {
 }
 
 TEST_F(RetentionTest, RefreshTrimsThreeTreesInTheBackgroundAndNoOther) {
-  keepsLogs = true;
+  report();
+  system.runUntilIdle();
+  keepsLogs = true;  // from here on, so that there are no records of the day
   const std::vector<std::string> trimmed{"freeze", "app_memory_oversize", "leaks"};
   const std::vector<std::string> kept{"object_memory_oversize", "power", "dump", "inspect_info_record",
                                       "sample_log"};

@@ -4,13 +4,13 @@
 #include <thread>
 
 #include "report_host.h"
-#include "vitalscope/report/QBVReportSources.h"
 #include "vitalscope/report/report_gate.h"
 
 namespace {
 
 using qbv::FileCall;
 using qbv::ReportGate;
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -87,7 +87,7 @@ TEST_F(WriterTest, AReportWithoutBacktraceMovesTheGateAndWritesNothing) {
     EXPECT_EQ(report().reportTimeValue(), system.clock.CFAbsoluteTimeGetCurrent());
   }
   EXPECT_EQ(report().writeToDiskWithBacktrace("stack", QBVReportReasonCPUOverThreshold, 0, {}), "");
-  EXPECT_THAT(filesBelow(root()), IsEmpty());
+  EXPECT_THAT(filesBelow(root()), Each(HasSubstr("_inspect_info_record")));
 }
 
 TEST_F(WriterTest, OfReportersThatMeetOnePasses) {
@@ -126,21 +126,17 @@ TEST_F(WriterTest, WritingTrimsTheTreeInTheBackground) {
 }
 
 TEST_F(WriterTest, TheFolderIsOfferedForUploadInLogKeepingBuilds) {
-  std::vector<std::string> offers;
-  qbv::QBVReportSources sources;
-  sources.uploadFileWithReason = [&](QBVReportReason reason, unsigned level, bool isUserUpload) {
-    EXPECT_FALSE(isUserUpload);
-    EXPECT_EQ(filesBelow(root()).size(), 2u) << "offered before it was written";
-    offers.push_back(std::to_string(reason) + " " + std::to_string(level));
-  };
-  qbv::setReportSources(sources);
+  defineUploadHelper();
+  std::size_t filesThen = 0;
+  whileHandling = [&] { filesThen = filesBelow(root() + "/freeze/severe").size(); };
   report().writeToDiskWithBacktrace("stack", kHang, 3, {});
-  EXPECT_THAT(offers, IsEmpty());
+  EXPECT_THAT(asked, IsEmpty());
   keepsLogs = true;
   system.advance(1);
   report().writeToDiskWithBacktrace("stack", kHang, 4, {});
   report().writeToDiskWithBacktrace("", kHang, 4, {});
-  EXPECT_THAT(offers, ElementsAre("1 4"));
+  EXPECT_THAT(asked, ElementsAre("automatic /freeze/severe"));
+  EXPECT_EQ(filesThen, 1u) << "offered before it was written";
 }
 
 TEST_F(WriterTest, ASecondWriteAppendsOrReplaces) {
