@@ -26,7 +26,8 @@ struct ScriptedDispatch::Queue final : DispatchQueue {
 
 // What the dispatcher keeps of a timer. All but `released` and the handler's own lock belong to its mutex.
 struct ScriptedDispatch::Timer {
-  bool armed() const { return info.resumed && set && !info.cancelled && !released; }
+  bool over() const { return info.cancelled || released; }
+  bool armed() const { return info.resumed && set && !over(); }
 
   std::shared_ptr<Block> takeHandler() {
     const std::lock_guard lock(handlerMutex);
@@ -104,6 +105,7 @@ DispatchTimerRef ScriptedDispatch::dispatch_source_create(const DispatchQueueRef
   timer->info.queueLabel = timer->queue->name;
   const std::lock_guard lock(mutex_);
   timers_.push_back(timer);
+  running_.push_back(timer);
   return std::make_shared<TimerHandle>(timer);
 }
 
@@ -158,7 +160,8 @@ DispatchThreadRef ScriptedDispatch::startThread(const std::string& name, Block e
 void ScriptedDispatch::enqueueDue() {
   const std::uint64_t now = clock_.monotonicNanoseconds();
   std::vector<std::shared_ptr<Timer>> due;
-  for (const auto& timer : timers_)
+  std::erase_if(running_, [](const auto& timer) { return timer->over(); });
+  for (const auto& timer : running_)
     if (timer->armed() && !timer->queued && !timer->running && timer->due <= now) due.push_back(timer);
   std::ranges::stable_sort(due, {}, &Timer::due);
   for (const auto& timer : due) {
@@ -170,7 +173,7 @@ void ScriptedDispatch::enqueueDue() {
 // Firings that already wait, or wait for their own handler, are no moments to stop at.
 std::optional<std::uint64_t> ScriptedDispatch::nextDue() {
   std::optional<std::uint64_t> next = threads_.nextDue();
-  for (const auto& timer : timers_)
+  for (const auto& timer : running_)
     if (timer->armed() && !timer->queued && !timer->running && (!next || timer->due < *next))
       next = timer->due;
   return next;

@@ -105,6 +105,7 @@ class ScriptedDispatch final : public Dispatch {
   std::shared_ptr<Queue> globalQueue_;
   std::vector<std::shared_ptr<Queue>> working_;  // queues with items, without the main one
   std::vector<std::shared_ptr<Timer>> timers_;   // all that were ever made
+  std::vector<std::shared_ptr<Timer>> running_;  // those of them that may still fire
   std::vector<std::string> queueLabels_;
   ScriptedThreads threads_;
 };
