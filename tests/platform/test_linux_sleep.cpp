@@ -1,24 +1,19 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "tests/platform/temporary_folder.h"
+#include "tests/platform/private_bus.h"
 #include "vitalscope/platform/linux/sleep_state.h"
 #include "vitalscope/platform/platform.h"
 
-extern char** environ;
 struct sd_bus;
 
 namespace qbv::linux_backend {
@@ -66,36 +61,6 @@ TEST(SleepState, MachineIsNotLeftAsleep) {
   EXPECT_THAT(state.lostLoginManager(), ElementsAre(didWake));
   EXPECT_THAT(state.lostLoginManager(), IsEmpty());
 }
-
-// A message bus for one test, with nobody on it.
-class PrivateBus {
- public:
-  PrivateBus() {
-    const std::string address = "unix:path=" + (folder_ / "bus");
-    std::ofstream(folder_ / "bus.conf")
-        << "<busconfig><type>system</type><listen>" << address << "</listen><auth>EXTERNAL</auth>"
-        << "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-        << "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>";
-    std::string program = "dbus-daemon";
-    std::string option = "--config-file=" + (folder_ / "bus.conf");
-    std::string stay = "--nofork";
-    char* const words[] = {program.data(), option.data(), stay.data(), nullptr};
-    EXPECT_EQ(posix_spawnp(&pid_, "dbus-daemon", nullptr, nullptr, words, environ), 0)
-        << "the package dbus-daemon is needed";
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
-  }
-  ~PrivateBus() { end(); }
-  void end() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = 0;
-  }
-
- private:
-  TemporaryFolder folder_;
-  pid_t pid_ = 0;
-};
 
 // Someone on the bus who can send the login manager's signal.
 class Announcer {
@@ -147,7 +112,7 @@ class SleepWatch : public testing::Test {
 };
 
 TEST_F(SleepWatch, FollowsTheLoginManagerOfTheSystemBus) {
-  PrivateBus bus;
+  PrivateBus bus("DBUS_SYSTEM_BUS_ADDRESS");
   Announcer loginManager("org.freedesktop.login1");
   Announcer impostor(nullptr);
   observe();
