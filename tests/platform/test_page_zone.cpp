@@ -4,9 +4,9 @@
 #include <cerrno>
 #include <cstring>
 #include <random>
-#include <thread>
 #include <vector>
 
+#include "vitalscope/platform/linux/own_region.h"
 #include "vitalscope/platform/linux/page_zone.h"
 #include "vitalscope/platform/platform.h"
 
@@ -66,28 +66,40 @@ TEST(PageZone, MoreThanThereIsGivesNullAndLeavesErrnoAlone) {
   EXPECT_EQ(errno, EINTR);
 }
 
-TEST(PageZone, ThreadsShareIt) {
+TEST(PageZone, BlocksOfAllSizesComeAndGo) {
   PageZone* const zone = PageZone::create();
-  std::vector<std::thread> threads;
-  for (unsigned number = 0; number < 4; ++number) {
-    threads.emplace_back([zone, number] {
-      std::minstd_rand random(number + 1);
-      std::vector<std::pair<void*, std::size_t>> mine;
-      for (int step = 0; step < 20'000; ++step) {
-        if (mine.size() < 50) {
-          const std::size_t size = random() % (step % 100 == 0 ? 100'000 : 600) + 1;
-          mine.emplace_back(zone->malloc(size), size);
-          std::memset(mine.back().first, static_cast<int>(number), size);
-        } else {
-          std::swap(mine[random() % mine.size()], mine.back());
-          ASSERT_TRUE(holds(mine.back().first, mine.back().second, static_cast<int>(number)));
-          zone->free(mine.back().first);
-          mine.pop_back();
-        }
-      }
-    });
+  std::minstd_rand random(1);
+  std::vector<std::pair<void*, std::size_t>> blocks;
+  for (int step = 0; step < 50'000; ++step) {
+    if (blocks.size() < 50) {
+      const std::size_t size = random() % (step % 100 == 0 ? 100'000 : 600) + 1;
+      blocks.emplace_back(zone->malloc(size), size);
+      std::memset(blocks.back().first, static_cast<int>(size % 251), size);
+    } else {
+      std::swap(blocks[random() % blocks.size()], blocks.back());
+      const auto [block, size] = blocks.back();
+      ASSERT_TRUE(holds(block, size, static_cast<int>(size % 251)));
+      zone->free(block);
+      blocks.pop_back();
+    }
   }
-  for (std::thread& thread : threads) thread.join();
+}
+
+// Whoever looks for lost blocks from outside passes over the addresses that stand here.
+TEST(PageZone, BlocksLieInRegionsThatSayWhoseTheyAre) {
+  PageZone* const zone = PageZone::create();
+  for (const std::size_t size : {16U, 600U, 16'384U, 4'000'000U}) {
+    const auto block = reinterpret_cast<std::uintptr_t>(zone->malloc(size));
+    const std::uintptr_t region = block & ~std::uintptr_t{0xffff};
+    OwnRegion begin{};
+    std::memcpy(&begin, reinterpret_cast<const void*>(region), sizeof begin);
+    EXPECT_EQ(begin.mark, ownRegionMark(region)) << size;
+    EXPECT_EQ(begin.size % 4096, 0U);
+    EXPECT_GE(region + begin.size, block + size);
+    const bool isAlone = size > PageZone::kLargestSmall;
+    EXPECT_EQ(begin.block, isAlone ? size : 0U);
+    EXPECT_TRUE(isAlone ? block == region + kOwnRegionBlock : block > region);
+  }
 }
 
 }  // namespace

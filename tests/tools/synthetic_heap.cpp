@@ -18,6 +18,7 @@ constexpr Address kFirstOfFurther = SyntheticHeap::kFurtherHeap + 0x8d0;
 SyntheticHeap::SyntheticHeap() {
   addArea(kVariables, 0x1000, "/usr/bin/app", false);
   addArea(kMainHeap, kHeapBytes, "[heap]", true);
+  addArea(kApart, 0x4000, "", true);
   addArea(kMapped, kMappedBytes, "", true);
   addArea(kFurtherHeap, kHeapBytes, "", true);
   addArea(kLibrary, 0x2000, "/usr/lib/libc.so.6", false);

@@ -15,6 +15,7 @@ class SyntheticHeap {
  public:
   static constexpr Address kVariables = 0x550000000000;  // the program's; one page
   static constexpr Address kMainHeap = 0x560000000000;
+  static constexpr Address kApart = 0x7a0000000000;      // anonymous memory outside the heap; four pages
   static constexpr Address kDeadStack = 0x7b0000000000;  // guard included; its thread has ended
   static constexpr Address kLiveStack = 0x7c0000000000;
   static constexpr Address kMapped = 0x7d0000000000;

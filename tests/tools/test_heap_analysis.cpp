@@ -6,6 +6,8 @@
 #include "tests/tools/synthetic_heap.h"
 #include "tools/leaks/analysis.h"
 #include "tools/leaks/leak_report.h"
+#include "tools/leaks/stack_store.h"
+#include "vitalscope/platform/linux/own_region.h"
 
 namespace {
 
@@ -128,6 +130,24 @@ TEST_F(HeapAnalysis, OnlyTheUsedPartOfALivingStackKeepsBlocks) {
   EXPECT_THAT(leakedIn(heap), ElementsAre(below, dead));
 }
 
+TEST_F(HeapAnalysis, WhatTheMonitorKeepsApartKeepsNoBlocks) {
+  constexpr Address kRegion = SyntheticHeap::kApart + 0x1000;
+  const Address before = heap.allocate(64);
+  const Address inTable = heap.allocate(64);
+  const Address behind = heap.allocate(64);
+  heap.set(kRegion - 8, before);
+  heap.set(kRegion + 0x1ff8, inTable);
+  heap.set(kRegion + 0x2000, behind);
+  EXPECT_THAT(leakedIn(heap), IsEmpty());
+  heap.set(kRegion, qbv::linux_backend::ownRegionMark(kRegion));
+  heap.set(kRegion + 8, 0x2000);
+  EXPECT_THAT(leakedIn(heap), ElementsAre(inTable));
+  heap.set(kRegion + 8, ~Address{0});  // not beyond its mapping
+  EXPECT_THAT(leakedIn(heap), ElementsAre(inTable, behind));
+  heap.set(kRegion, qbv::linux_backend::ownRegionMark(kRegion + 8));  // a copy of another one's begin
+  EXPECT_THAT(leakedIn(heap), IsEmpty());
+}
+
 TEST_F(HeapAnalysis, AHeapWithAHoleOfForeignMemoryIsWalkedOnBehindIt) {
   const Address before = heap.allocate(64);
   const Address fence = heap.allocate(16);
@@ -198,6 +218,38 @@ TEST_F(HeapAnalysis, PassesAgreeOnWhatBothFound) {
   const auto both = leaks::agreed(first, second).leaked;
   ASSERT_EQ(both.size(), 1u);
   EXPECT_EQ(both[0].address, 0x50u);
+}
+
+// The monitor's address table of ten buckets and its entries.
+TEST_F(HeapAnalysis, StacksAreThoseThatWereRecordedForTheBlock) {
+  constexpr Address kRegion = SyntheticHeap::kApart;
+  constexpr Address kTable = kRegion + qbv::linux_backend::kOwnRegionBlock;
+  const Address known = heap.allocate(64);
+  const Address other = heap.allocate(64);
+  const auto store = [&](Address block, Address size) {
+    const auto snapshot = heap.snapshot();
+    return leaks::StackStore(leaks::Memory(snapshot), 10).stackOf(block, size);
+  };
+  EXPECT_FALSE(store(known, 56).has_value()) << "no table";
+  heap.set(kRegion, qbv::linux_backend::ownRegionMark(kRegion));
+  heap.set(kRegion + 8, 0x1000);
+  heap.set(kRegion + 16, 10 * 8);
+  const Address nodes[] = {kRegion + 0x400, kRegion + 0x440};
+  heap.set(kTable + known % 9 * 8, nodes[0]);
+  heap.set(nodes[0] + 16, 0x1230);
+  heap.set(nodes[0] + 24, nodes[1]);
+  heap.set(nodes[1], 0xabc);
+  heap.set(nodes[1] + 8, 50);
+  heap.set(nodes[1] + 16, known);
+  EXPECT_EQ(store(known, 56), 0xabcU);
+  EXPECT_FALSE(store(known, 40).has_value()) << "the block that was recorded was larger";
+  EXPECT_FALSE(store(known, 9000).has_value()) << "and smaller than this";
+  EXPECT_FALSE(store(other, 56).has_value());
+  heap.set(nodes[1] + 16, 0x4560);
+  heap.set(nodes[1] + 24, nodes[0]);
+  EXPECT_FALSE(store(known, 56).has_value()) << "a ring";
+  heap.set(nodes[1] + 24, 0x10);
+  EXPECT_FALSE(store(known, 56).has_value()) << "a link to nowhere";
 }
 
 TEST_F(HeapAnalysis, TheReportShowsKindsAndContentAndStaysShort) {

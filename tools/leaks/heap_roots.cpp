@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "vitalscope/platform/linux/own_region.h"
+
 namespace leaks {
 
 namespace {
@@ -86,6 +88,20 @@ void addMainStack(const Memory& memory, std::vector<Range>& unused) {
   }
 }
 
+// What the monitor in the process keeps apart: tables of addresses, copies of stacks.
+void addOwnRegions(const Memory& memory, std::vector<Range>& excluded) {
+  const Snapshot& snapshot = memory.snapshot();
+  for (const Piece& piece : snapshot.pieces) {
+    const Mapping* const mapping = memory.mappingOf(piece.begin);
+    if (mapping == nullptr || !mapping->anonymous || !mapping->writable || mapping->shared) continue;
+    for (Address page = piece.begin; page < piece.begin + piece.size; page += snapshot.pageSize)
+      if (memory.word(page) == qbv::linux_backend::ownRegionMark(page)) {
+        const Address size = memory.word(page + 8).value_or(0);
+        excluded.push_back({page, page + std::min(size, mapping->range.end - page)});
+      }
+  }
+}
+
 // Calls `take` for the parts of the range that none of the others, which ascend, covers.
 template <class Take>
 void subtract(Range range, const std::vector<Range>& others, Take take) {
@@ -121,9 +137,7 @@ Roots findRoots(const Memory& memory, const Heap& heap) {
   std::vector<Range> excluded = heap.owned;
   addStacksOfDescriptors(memory, excluded, roots.words);
   addMainStack(memory, excluded);
-  for (const Mapping& mapping : snapshot.mappings)
-    if (mapping.name.starts_with("[anon:quib") || mapping.name.starts_with("[anon:QB"))
-      excluded.push_back(mapping.range);
+  addOwnRegions(memory, excluded);
   excluded = merged(std::move(excluded));
   for (const Mapping& mapping : snapshot.mappings)
     if (mapping.readable)

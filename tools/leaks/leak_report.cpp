@@ -6,11 +6,14 @@
 #include <cstdio>
 #include <map>
 
+#include "tools/leaks/stack_store.h"
+
 namespace leaks {
 
 namespace {
 
 constexpr std::size_t kMostGroups = 60;
+constexpr std::size_t kMostStacks = 20;
 constexpr std::size_t kMostBlocks = 100;
 constexpr std::size_t kShownBytes = 32;
 constexpr std::size_t kBytesInLine = 16;
@@ -24,11 +27,10 @@ constexpr std::size_t kBytesInLine = 16;
   if (length > 0) text.append(line, std::min<std::size_t>(static_cast<std::size_t>(length), sizeof line - 1));
 }
 
-// Objects with virtual functions begin with the address of their class's table, which tells their kind.
-std::string kindOf(const Memory& memory, const LeakedBlock& block) {
-  const auto first = memory.word(block.address);
-  const Mapping* const mapping = first ? memory.mappingOf(*first) : nullptr;
-  if (mapping == nullptr || mapping->anonymous || mapping->name.empty() || *first % 8 != 0) return "";
+// "libc.so.6+0x1238"; "" for an address in no file's mapping.
+std::string placeOf(const Memory& memory, Address address) {
+  const Mapping* const mapping = memory.mappingOf(address);
+  if (mapping == nullptr || mapping->anonymous || mapping->name.empty()) return "";
   Address base = mapping->range.begin;
   for (const Mapping& other : memory.snapshot().mappings)
     if (other.name == mapping->name) {
@@ -36,19 +38,25 @@ std::string kindOf(const Memory& memory, const LeakedBlock& block) {
       break;
     }
   char offset[32];
-  std::snprintf(offset, sizeof offset, "+0x%" PRIx64, *first - base);
+  std::snprintf(offset, sizeof offset, "+0x%" PRIx64, address - base);
   return mapping->name.substr(mapping->name.rfind('/') + 1) + offset;
 }
 
-void appendHeader(std::string& text, const LeakReport& report) {
+// Objects with virtual functions begin with the address of their class's table, which tells their kind.
+std::string kindOf(const Memory& memory, const LeakedBlock& block) {
+  const auto first = memory.word(block.address);
+  return first && *first % 8 == 0 ? placeOf(memory, *first) : "";
+}
+
+void appendHeader(std::string& text, const LeakReport& report, const StackStore& stacks) {
   const HeapTotals& totals = report.analysis.totals;
   append(text, "Process:         %s [%u]\n", report.process.c_str(), report.processId);
   text += "Path:            " + report.executable + "\n";
   append(text, "Date:            %s\n", report.date.c_str());
   append(text, "C library:       %s\n", report.library.c_str());
-  append(text,
-         "Method:          blocks that no pointer leads to, in a copy of the process's memory; without "
-         "the stacks that allocated them\n");
+  append(text, "Method:          blocks that no pointer leads to, in a copy of the process's memory; %s\n",
+         stacks.isThere() ? "allocation stacks from the monitor's record"
+                          : "without the stacks that allocated them");
   append(text, "Heap:            %zu blocks in use, %" PRIu64 " bytes, %zu arena%s, %zu mapped blocks\n",
          totals.blocks, totals.bytes, totals.arenas, totals.arenas == 1 ? "" : "s", totals.mappedBlocks);
   append(text, "Stopped:        ");
@@ -90,6 +98,41 @@ void appendGroups(std::string& text, const std::vector<Group>& groups) {
            group.size, group.roots, group.kind.c_str());
   }
   if (groups.size() > kMostGroups) append(text, "... and %zu more groups\n", groups.size() - kMostGroups);
+}
+
+void appendStack(std::string& text, const Memory& memory, const StackStore& stacks, std::uint64_t id) {
+  const std::vector<Address> frames = stacks.frames(id);
+  if (frames.empty()) text += "    too little is alive of it to be in the stack file\n";
+  for (std::size_t i = 0; i < frames.size(); ++i) {
+    const std::string place = placeOf(memory, frames[i]);
+    append(text, "    %-3zu 0x%016" PRIx64 "  %s\n", i, frames[i], place.c_str());
+  }
+}
+
+void appendStacks(std::string& text, const Memory& memory, const StackStore& stacks,
+                  const std::vector<LeakedBlock>& leaked) {
+  struct Sum {
+    std::uint64_t id = 0;
+    std::size_t blocks = 0;
+    Address bytes = 0;
+  };
+  std::map<std::uint64_t, Sum> byId;
+  for (const LeakedBlock& block : leaked)
+    if (const auto id = stacks.stackOf(block.address, block.size)) {
+      Sum& sum = byId[*id];
+      sum = {*id, sum.blocks + 1, sum.bytes + block.size};
+    }
+  if (byId.empty()) return;
+  std::vector<Sum> sums;
+  for (const auto& [id, sum] : byId) sums.push_back(sum);
+  std::stable_sort(sums.begin(), sums.end(), [](const Sum& a, const Sum& b) { return a.bytes > b.bytes; });
+  text += "\nGroups by allocation stack, most bytes first, for the blocks that were recorded:\n";
+  for (std::size_t i = 0; i < sums.size() && i < kMostStacks; ++i) {
+    append(text, "stack 0x%" PRIx64 ": %zu blocks, %" PRIu64 " bytes\n", sums[i].id, sums[i].blocks,
+           sums[i].bytes);
+    appendStack(text, memory, stacks, sums[i].id);
+  }
+  if (sums.size() > kMostStacks) append(text, "... and %zu more stacks\n", sums.size() - kMostStacks);
 }
 
 void appendContent(std::string& text, const Memory& memory, const LeakedBlock& block) {
@@ -138,14 +181,16 @@ void appendBlocks(std::string& text, const Memory& memory, std::vector<LeakedBlo
 
 std::string renderLeaks(const LeakReport& report, const Snapshot& snapshot) {
   const Memory memory(snapshot);
+  const StackStore stacks(memory);
   const auto& leaked = report.analysis.leaked;
   std::string text;
-  appendHeader(text, report);
+  appendHeader(text, report, stacks);
   Address bytes = 0;
   for (const LeakedBlock& block : leaked) bytes += block.size;
   append(text, "\n%zu leaks for %" PRIu64 " total leaked bytes.\n", leaked.size(), bytes);
   if (leaked.empty()) return text;
   appendGroups(text, groupsOf(memory, leaked));
+  appendStacks(text, memory, stacks, leaked);
   appendBlocks(text, memory, leaked, report.isWhole);
   return text;
 }

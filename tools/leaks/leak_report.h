@@ -20,7 +20,8 @@ struct LeakReport {
   Analysis analysis;
 };
 
-// Content and kinds of the blocks are read from the snapshot that the analysis was made of.
+// Content, kinds and allocation stacks of the blocks are read from the snapshot that the analysis was made
+// of.
 std::string renderLeaks(const LeakReport& report, const Snapshot& snapshot);
 
 }  // namespace leaks

@@ -19,6 +19,10 @@ class QBV_EXPORT QBBaseHashmap {
   QBBaseHashmap(const QBBaseHashmap&) = delete;
   QBBaseHashmap& operator=(const QBBaseHashmap&) = delete;
 
+  // The sizes of the allocation monitor's two tables.
+  static constexpr std::uint64_t kPtrsBuckets = 500'000;
+  static constexpr std::uint64_t kStacksBuckets = 50'000;
+
   // Memory of the table's zone; null when it has no more.
   void* hashmap_malloc(std::size_t size) { return zone_->malloc(size); }
   void hashmap_free(void* pointer) { zone_->free(pointer); }
@@ -33,7 +37,17 @@ class QBV_EXPORT QBBaseHashmap {
 
  protected:
   // The bucket of a key, 0 to entryNum - 2.
-  std::uint64_t bucketOf(std::uint64_t key) const { return key % (entryNum_ - 1); }
+  std::uint64_t bucketOf(std::uint64_t key) const {
+    // By numbers that the compiler knows it divides in a quarter of the time.
+    switch (entryNum_) {
+      case kPtrsBuckets:
+        return key % (kPtrsBuckets - 1);
+      case kStacksBuckets:
+        return key % (kStacksBuckets - 1);
+      default:
+        return key % (entryNum_ - 1);
+    }
+  }
 
   void* hashmapEntry_;
   std::uint64_t entryNum_;

@@ -12,8 +12,6 @@ namespace qbv {
 
 namespace {
 
-constexpr std::uint64_t kPtrsBuckets = 500'000;
-constexpr std::uint64_t kStacksBuckets = 50'000;
 constexpr std::uint64_t kMaxDepth = qb_stack_max_depth;
 
 constinit std::atomic<const StackStore*> made{nullptr};
@@ -46,9 +44,10 @@ void makeStackStore(const std::string& logPath, std::uint64_t sizeThreshold) {
   allocator.malloc_set_zone_name(zone, "QBAllocateMemoryMonitor");
   auto* const store = new StackStore;
   store->global_memory_zone = zone;
-  store->oom_ptrs_hashmap = new QBPtrsHashmap(kPtrsBuckets, zone);
+  store->oom_ptrs_hashmap = new QBPtrsHashmap(QBBaseHashmap::kPtrsBuckets, zone);
   store->log_path = logPath;
-  store->oom_stacks_hashmap = new QBStacksHashmap(kStacksBuckets, zone, logPath, sizeThreshold);
+  store->oom_stacks_hashmap =
+      new QBStacksHashmap(QBBaseHashmap::kStacksBuckets, zone, logPath, sizeThreshold);
   made.store(store, std::memory_order_release);
 }
 

@@ -8,8 +8,9 @@
 namespace qbv {
 
 // Memory of one purpose, taken from the system directly: what is allocated here is seen by no allocation hook
-// and shares no lock with the process's heap. Any thread; in an allocation hook, too, since nothing here
-// comes back to the heap. A block is freed into the zone that it came from.
+// and shares no lock with the process's heap. Takes no lock at all: one thread at a time, whichever; in an
+// allocation hook, too, since nothing here comes back to the heap. A block is freed into the zone that it
+// came from.
 class QBV_EXPORT MallocZone {
  public:
   virtual ~MallocZone() = default;

@@ -10,6 +10,7 @@
 #include <new>
 #include <utility>
 
+#include "vitalscope/platform/linux/own_region.h"
 #include "vitalscope/platform/linux/pages.h"
 
 namespace qbv::linux_backend {
@@ -17,7 +18,7 @@ namespace qbv::linux_backend {
 namespace {
 
 constexpr std::size_t kChunk = 64 * 1024;
-constexpr std::size_t kHeader = 64;
+constexpr std::size_t kHeader = kOwnRegionBlock;
 constexpr std::size_t kPage = 4096;
 constexpr std::size_t kLargest = static_cast<std::size_t>(-1) / 4;
 
@@ -37,8 +38,8 @@ class KeepErrno {
 
 // Stands at every multiple of 64 KB at which blocks begin, so a block's is found from its address.
 struct PageZone::Chunk {
+  OwnRegion region;       // blocks here may hold addresses of the program's blocks
   std::size_t sizeClass;  // kClasses: one large block
-  std::size_t mapped;     // bytes, of a large block's mapping
 };
 
 struct PageZone::FreeBlock {
@@ -62,7 +63,6 @@ std::size_t PageZone::sizeOf(std::size_t sizeClass) {
 }
 
 void* PageZone::malloc(std::size_t size) noexcept {
-  const KeepErrno keep;
   return size > kLargestSmall ? takeLarge(size) : takeSmall(size);
 }
 
@@ -77,31 +77,34 @@ void* PageZone::calloc(std::size_t count, std::size_t size) noexcept {
 
 void PageZone::free(void* pointer) noexcept {
   if (pointer == nullptr) return;
-  const KeepErrno keep;
   auto* const chunk = reinterpret_cast<Chunk*>(reinterpret_cast<std::uintptr_t>(pointer) & ~(kChunk - 1));
   if (chunk->sizeClass == kClasses) {
-    munmap(chunk, chunk->mapped);
+    const KeepErrno keep;
+    munmap(chunk, chunk->region.size);
     return;
   }
-  const std::lock_guard lock(mutex_);
   SizeClass& sizeClass = classes_[chunk->sizeClass];
   sizeClass.free = new (pointer) FreeBlock{sizeClass.free};
 }
 
 void* PageZone::takeSmall(std::size_t size) {
   const std::size_t number = classOf(size);
-  const std::lock_guard lock(mutex_);
   SizeClass& sizeClass = classes_[number];
-  if (FreeBlock* const block = sizeClass.free) {
-    sizeClass.free = block->next;
-    return block;
-  }
+  FreeBlock* const block = sizeClass.free;
+  if (block == nullptr) return takeUnused(number);
+  sizeClass.free = block->next;
+  return block;
+}
+
+void* PageZone::takeUnused(std::size_t number) {
+  SizeClass& sizeClass = classes_[number];
   const std::size_t bytes = sizeOf(number);
   if (static_cast<std::size_t>(sizeClass.end - sizeClass.next) < bytes && !openChunk(number)) return nullptr;
   return std::exchange(sizeClass.next, sizeClass.next + bytes);
 }
 
 bool PageZone::openChunk(std::size_t sizeClass) {
+  const KeepErrno keep;
   if (reserveLeft_ == 0) {
     reserve_ = static_cast<char*>(takeAligned(kReserve));
     if (reserve_ == nullptr) return false;
@@ -109,7 +112,7 @@ bool PageZone::openChunk(std::size_t sizeClass) {
   }
   char* const base = std::exchange(reserve_, reserve_ + kChunk);
   reserveLeft_ -= kChunk;
-  new (base) Chunk{sizeClass, 0};
+  new (base) Chunk{ownRegionAt(base, kChunk), sizeClass};
   classes_[sizeClass].next = base + kHeader;
   classes_[sizeClass].end = base + kChunk;
   return true;
@@ -117,11 +120,11 @@ bool PageZone::openChunk(std::size_t sizeClass) {
 
 void* PageZone::takeLarge(std::size_t size) {
   if (size > kLargest) return nullptr;
+  const KeepErrno keep;
   const std::size_t mapped = (size + kHeader + kChunk - 1) & ~(kChunk - 1);
-  const std::lock_guard lock(mutex_);
   void* const base = takeAligned(mapped);
   if (base == nullptr) return nullptr;
-  new (base) Chunk{kClasses, mapped};
+  new (base) Chunk{ownRegionAt(base, mapped, size), kClasses};
   return static_cast<char*>(base) + kHeader;
 }
 
@@ -137,7 +140,6 @@ void* PageZone::takeAligned(std::size_t size) {
 }
 
 void PageZone::setName(const char* name) {
-  const std::lock_guard lock(mutex_);
   std::strncpy(name_.data(), name == nullptr ? "" : name, name_.size() - 1);
 }
 

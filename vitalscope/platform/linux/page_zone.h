@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cstddef>
-#include <mutex>
 
 #include "vitalscope/platform/zone.h"
 
@@ -43,12 +42,12 @@ class PageZone final : public MallocZone {
   static std::size_t classOf(std::size_t size);
   static std::size_t sizeOf(std::size_t sizeClass);
   void* takeSmall(std::size_t size);
+  void* takeUnused(std::size_t sizeClass);
   void* takeLarge(std::size_t size);
   bool openChunk(std::size_t sizeClass);
   void* takeAligned(std::size_t size);
   void nameMapping(void* pages, std::size_t size) const;
 
-  std::mutex mutex_;
   std::array<SizeClass, kClasses> classes_{};
   char* reserve_ = nullptr;  // chunks not used yet
   std::size_t reserveLeft_ = 0;

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <ctime>
+#include <new>
 
+#include "vitalscope/platform/linux/own_region.h"
 #include "vitalscope/platform/linux/process_identity.h"
 #include "vitalscope/platform/linux/safe_read.h"
 #include "vitalscope/platform/linux/snapshot_signal.h"
@@ -20,14 +22,17 @@ constexpr std::uint64_t kLook = 5'000'000;          // ns between looks whether 
 constexpr std::uint64_t kCopyTime = 1'000'000'000;  // ns
 constexpr std::size_t kKeptBytes = 16 * 1024;       // of the buffers of the first slots, which serve mostly
 constexpr std::ptrdiff_t kKeptSlots = 8;
+constexpr std::size_t kLead = 4096;  // a page before a buffer, which says what it is
 
 bool mapBuffer(SnapshotSlot& slot) {
   if (slot.buffer != nullptr) return true;
-  void* const pages = mmap(nullptr, kMaximumStack, PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  constexpr std::size_t kSize = kLead + kMaximumStack;
+  void* const pages =
+      mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (pages == MAP_FAILED) return false;
-  madvise(pages, kMaximumStack, MADV_DONTFORK);
-  slot.buffer = static_cast<std::byte*>(pages);
+  madvise(pages, kSize, MADV_DONTFORK);
+  new (pages) OwnRegion{ownRegionAt(pages, kSize)};
+  slot.buffer = static_cast<std::byte*>(pages) + kLead;
   return true;
 }
 
