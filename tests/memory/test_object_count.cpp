@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <latch>
 #include <thread>
 #include <vector>
 
@@ -127,6 +128,40 @@ TEST_F(ObjectCountTest, NoRemovalIsRefusedWhileObjectsAreThere) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(refused, 0);
   EXPECT_EQ(qbv::LiveObjects::count(), 0);
+}
+
+// Every share is asked for just while its owner changes it: no change gets lost.
+TEST_F(ObjectCountTest, SharesChangeHandsWithoutLoss) {
+  constexpr int kThreads = 100;
+  constexpr int kObjects = 900;
+  std::atomic<std::int64_t> removed{0};
+  std::atomic<bool> done{false};
+  std::latch begin(kThreads + 3);
+  std::vector<std::thread> removers;
+  for (int number = 0; number < 3; ++number)
+    removers.emplace_back([&] {
+      begin.arrive_and_wait();
+      while (!done) removed += qbv::LiveObjects::remove() ? 1 : 0;
+    });
+  std::vector<std::thread> adders;
+  for (int number = 0; number < kThreads; ++number)
+    adders.emplace_back([&] {
+      begin.arrive_and_wait();
+      std::int64_t own = 0;
+      for (int i = 0; i < kObjects; ++i) {
+        qbv::LiveObjects::add();
+        qbv::LiveObjects::add();
+        own += qbv::LiveObjects::remove() ? 1 : 0;
+      }
+      removed += own;
+    });
+  for (std::thread& thread : adders) thread.join();
+  done = true;
+  for (std::thread& thread : removers) thread.join();
+  std::int64_t left = 2 * kThreads * kObjects - removed;
+  EXPECT_EQ(qbv::LiveObjects::count(), left);
+  for (; left > 0; --left) ASSERT_TRUE(qbv::LiveObjects::remove());
+  EXPECT_FALSE(qbv::LiveObjects::remove());
 }
 
 // More are taken than given: what was refused is exactly what was too much.

@@ -32,6 +32,7 @@ class HeapEvents {
   HeapEvents(const HeapEvents&) = delete;
   HeapEvents& operator=(const HeapEvents&) = delete;
 
+  static malloc_logger_t* logger() { return log; }
   static std::size_t size() { return count; }
   // The only event since the last call; type 0 when there was none or more than one.
   static HeapEvent only() {

@@ -143,9 +143,52 @@ void countEvent(std::uint32_t type, std::uintptr_t, std::uintptr_t, std::uintptr
   addLiveBlocks(type == 12 ? -1 : type == 14 ? 0 : 1);
 }
 
-class CountTest : public AllocatorTest {
+TEST_F(AllocatorTest, SmallBlocksMayBeCountedWithoutTelling) {
+  void* const fromBefore = allocate(10);
+  HeapEvents events;
+  platform().allocator.countSmallBlocksFor(events.logger(), 1000);
+  const std::int64_t before = liveBlocks();
+  void* block = nullptr;
+  void* const blocks[] = {allocate(999), calloc(3, 333), aligned_alloc(64, 128),
+                          posix_memalign(&block, 64, 10) == 0 ? block : nullptr};
+  EXPECT_EQ(liveBlocks(), before + 4);
+  release(nullptr);
+  volatile std::size_t huge = (static_cast<std::size_t>(-1) / 8) + 2;
+  EXPECT_EQ(calloc(huge, 8), nullptr) << "the product is small, and does not fit";
+  release(fromBefore);
+  EXPECT_EQ(liveBlocks(), before + 3);
+  EXPECT_EQ(events.size(), 0U);
+
+  void* const large = allocate(1000);
+  EXPECT_EQ(events.only(), (HeapEvent{10, 1000, 0, word(large)}));
+  void* const moved = reallocate(large, 1 << 20);
+  EXPECT_EQ(events.only(), (HeapEvent{14, word(large), 1 << 20, word(moved)})) << "always told";
+  release(moved);
+  for (void* const one : blocks) release(one);
+  EXPECT_EQ(events.size(), 0U);
+  EXPECT_EQ(liveBlocks(), before - 2) << "three, less four and the large one, which nobody counted";
+
+  platform().allocator.countSmallBlocksFor(nullptr, 0);
+  release(allocate(10));
+  EXPECT_EQ(events.size(), 2U);
+  platform().allocator.countSmallBlocksFor([](auto...) {}, 1000);
+  release(allocate(10));
+  EXPECT_EQ(events.size(), 4U) << "said of another logger";
+  platform().allocator.countSmallBlocksFor(nullptr, 0);
+}
+
+// Counted by a logger, and by the allocator in its place.
+class CountTest : public AllocatorTest, public ::testing::WithParamInterface<bool> {
  protected:
-  void TearDown() override { malloc_logger = nullptr; }
+  void TearDown() override { ignore(); }
+  static void count() {
+    if (GetParam()) platform().allocator.countSmallBlocksFor(countEvent, static_cast<std::size_t>(-1));
+    malloc_logger = countEvent;
+  }
+  static void ignore() {
+    malloc_logger = nullptr;
+    platform().allocator.countSmallBlocksFor(nullptr, 0);
+  }
   static std::size_t slots() {
     std::size_t number = 0;
     visitThreadCounts(
@@ -158,11 +201,11 @@ class CountTest : public AllocatorTest {
   }
 };
 
-TEST_F(CountTest, NothingIsLostWhenThreadsStartAndEndAndFreeEachOthersBlocks) {
+TEST_P(CountTest, NothingIsLostWhenThreadsStartAndEndAndFreeEachOthersBlocks) {
   constexpr int kThreads = 16;
   constexpr int kRounds = 20;
   constexpr std::size_t kBlocks = 500;
-  malloc_logger = countEvent;
+  count();
   std::vector<std::vector<void*>> handed(kThreads);
   const std::int64_t before = liveBlocks();
   for (int round = 0; round < kRounds; ++round) {
@@ -179,20 +222,20 @@ TEST_F(CountTest, NothingIsLostWhenThreadsStartAndEndAndFreeEachOthersBlocks) {
     for (std::thread& thread : threads) thread.join();
     std::rotate(handed.begin(), handed.begin() + 1, handed.end());
   }
-  malloc_logger = nullptr;
+  ignore();
   // Besides the blocks: one vector's storage each, and what the C library keeps for a thread.
   const std::int64_t grown = liveBlocks() - before;
   EXPECT_GE(grown, static_cast<std::int64_t>(kThreads * kBlocks));
   EXPECT_LE(grown, static_cast<std::int64_t>(kThreads * kBlocks + 4 * kThreads));
-  malloc_logger = countEvent;
+  count();
   const std::int64_t full = liveBlocks();
   for (auto& blocks : handed)
     for (void* const block : blocks) release(block);
   EXPECT_EQ(liveBlocks(), full - static_cast<std::int64_t>(kThreads * kBlocks));
 }
 
-TEST_F(CountTest, SlotsOfEndedThreadsAreUsedAgain) {
-  malloc_logger = countEvent;
+TEST_P(CountTest, SlotsOfEndedThreadsAreUsedAgain) {
+  count();
   std::thread([] { release(allocate(1)); }).join();
   const std::size_t before = slots();
   for (int i = 0; i < 300; ++i) std::thread([] { release(allocate(1)); }).join();
@@ -209,24 +252,24 @@ void freeLate(void* block) {
   pthread_setspecific(lateKey, allocate(8));
 }
 
-TEST_F(CountTest, DestructorsOfAThreadsKeysAreCounted) {
+TEST_P(CountTest, DestructorsOfAThreadsKeysAreCounted) {
   ASSERT_EQ(pthread_key_create(&lateKey, freeLate), 0);
-  malloc_logger = countEvent;
+  count();
   std::atomic<std::int64_t> before{0};
   std::thread thread([&] {
     before = liveBlocks();
     pthread_setspecific(lateKey, allocate(8));
   });
   thread.join();
-  malloc_logger = nullptr;
+  ignore();
   EXPECT_GE(lateFrees, 2);
   // One block is left over; the thread's own state was freed by the joining thread.
   EXPECT_LE(liveBlocks(), before + 1);
   EXPECT_GE(liveBlocks(), before - 2);
 }
 
-TEST_F(CountTest, AForkedChildGoesOnFromItsParentsCount) {
-  malloc_logger = countEvent;
+TEST_P(CountTest, AForkedChildGoesOnFromItsParentsCount) {
+  count();
   std::vector<void*> blocks;
   blocks.reserve(100);
   const std::int64_t before = liveBlocks();
@@ -247,7 +290,7 @@ TEST_F(CountTest, AForkedChildGoesOnFromItsParentsCount) {
   EXPECT_EQ(liveBlocks(), full) << "the parent's count is its own";
 }
 
-TEST_F(CountTest, ALoggerMayComeAndGoWhileThreadsAllocate) {
+TEST_P(CountTest, ALoggerMayComeAndGoWhileThreadsAllocate) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
   for (int number = 0; number < 4; ++number)
@@ -255,10 +298,14 @@ TEST_F(CountTest, ALoggerMayComeAndGoWhileThreadsAllocate) {
       while (!stop)
         for (std::size_t size = 1; size < 4000; size += 37) release(reallocate(allocate(size), size * 2));
     });
-  for (int i = 0; i < 2000; ++i) malloc_logger = i % 2 == 0 ? countEvent : nullptr;
+  for (int i = 0; i < 2000; ++i) i % 2 == 0 ? count() : ignore();
   stop = true;
   for (std::thread& thread : threads) thread.join();
 }
+
+INSTANTIATE_TEST_SUITE_P(By, CountTest, ::testing::Bool(), [](const auto& test) {
+  return std::string(test.param ? "TheAllocator" : "TheLogger");
+});
 
 }  // namespace
 }  // namespace qbv

@@ -34,13 +34,16 @@ QBAllocateMemoryMonitor::QBAllocateMemoryMonitor() {
 void QBAllocateMemoryMonitor::startMonitor() {
   qbv::allocationState.allocMonitorEnabled.store(true, std::memory_order_relaxed);
   const qbv::Platform& system = qbv::platform();
-  if (!system.allocator.installMallocLogger(quib_malloc_stack_logger)) return;
+  const bool isInstalled = system.allocator.installMallocLogger(quib_malloc_stack_logger);
+  system.allocator.countSmallBlocksFor(quib_malloc_stack_logger, qb_over_memory_bytes);
+  if (!isInstalled) return;
   if (!system.allocator.mallocLoggerSeesHeap())
     system.log.NSLog("QBAllocateMemoryMonitor: this process has an allocator of its own, nothing is counted");
 }
 
 void QBAllocateMemoryMonitor::stop() {
   qbv::allocationState.allocMonitorEnabled.store(false, std::memory_order_relaxed);
+  qbv::platform().allocator.countSmallBlocksFor(nullptr, 0);
 }
 
 void QBAllocateMemoryMonitor::handleAllocateOverMemory(std::int64_t kilobytes) {

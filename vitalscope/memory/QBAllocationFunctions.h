@@ -16,7 +16,7 @@ enum { qb_over_memory_bytes = 50 * 1048576 + 1024 };
 // A malloc_logger (see allocator.h for the events). While the monitor is enabled it counts live blocks and
 // reports over-size allocations, on the thread that makes them and before they return; it ignores a
 // reallocation that stayed in place. Any thread; takes no lock and no memory unless it reports, and leaves
-// errno alone.
+// errno alone. What it would only count the allocator may count in its place, with the same result.
 QBV_EXPORT void quib_malloc_stack_logger(uint32_t type, uintptr_t zone, uintptr_t argument2,
                                          uintptr_t argument3, uintptr_t result, uint32_t framesToSkip);
 // Counts one allocation of `size` bytes, and reports it if it is over-size. A thread that is about to report

@@ -36,6 +36,7 @@ void noteRootMethods(Runtime& runtime, Class cls) {
 }
 
 void exchangeRootMethods() {
+  LiveObjects::prepare();
   Runtime& runtime = platform().runtime;
   ClassDefinition category(runtime, kRoot);
   noteRootMethods(runtime, category.cls());

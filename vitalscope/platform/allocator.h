@@ -47,6 +47,11 @@ class QBV_EXPORT Allocator {
 
   // Sets malloc_logger if it is null. False when another logger is there, which then stays.
   virtual bool installMallocLogger(malloc_logger_t* logger) = 0;
+  // While malloc_logger is `logger`, the allocator may count by itself, with addLiveBlocks, in place of
+  // calling it: +1 for an allocation, zero-filled or not, of fewer than `below` bytes, −1 for a free. That
+  // takes half the time. The logger must count the others in the same way, and cannot tell which ones it
+  // gets. Null: everything is told again. Events that are under way may still go by what was said before.
+  virtual void countSmallBlocksFor(malloc_logger_t* logger, std::size_t below) = 0;
   // Whether what this process allocates reaches malloc_logger. It does not where the program brings an
   // allocator of its own, where this library was loaded late, and in builds with sanitizers.
   virtual bool mallocLoggerSeesHeap() = 0;

@@ -11,14 +11,17 @@ namespace qbv {
 // A cache line of its own. Never zeroed: when its thread ends the counts stay, and the next thread that is
 // given the slot goes on from them. So a sum over all slots loses nothing.
 struct alignas(64) ThreadCounts {
-  std::atomic<std::int64_t> blocks{0};    // written by its thread alone, except in the shared slot
-  std::atomic<std::uint64_t> objects{0};  // see live_objects.h; written by every thread
+  static constexpr std::uint64_t kSharedObjects = std::uint64_t{1} << 31;  // every thread writes `objects`
+  std::atomic<std::int64_t> blocks{0};  // written by its thread alone, except in the shared slot
+  std::atomic<std::uint64_t> objects{kSharedObjects};  // see live_objects.h
   std::atomic<bool> owned{false};
 };
 
 namespace detail {
 // Null before the thread's first count, while its slot is made, and after the slot was given back.
 extern QBV_EXPORT constinit thread_local ThreadCounts* ownCounts [[gnu::tls_model("initial-exec")]];
+// What `objects` of a slot begins with when it is given to its first thread.
+extern constinit std::atomic<std::uint64_t> objectsOfNewSlots;
 // Adds by an atomic operation where there is no slot.
 QBV_EXPORT void addLiveBlocksSlowly(std::int64_t change) noexcept;
 }  // namespace detail

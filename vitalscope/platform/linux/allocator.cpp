@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "vitalscope/platform/linux/areas.h"
+#include "vitalscope/platform/linux/counted_events.h"
 #include "vitalscope/platform/linux/page_zone.h"
 
 constinit malloc_logger_t* malloc_logger = nullptr;
@@ -13,6 +14,8 @@ constinit malloc_logger_t* malloc_logger = nullptr;
 extern "C" [[gnu::weak, gnu::visibility("hidden")]] void* qbv_interposed_malloc(std::size_t size) noexcept;
 
 namespace qbv::linux_backend {
+
+constinit CountedEvents countedEvents;
 
 namespace {
 
@@ -60,6 +63,11 @@ class LinuxAllocator final : public Allocator {
     malloc_logger_t* none = nullptr;
     return __atomic_compare_exchange_n(&malloc_logger, &none, logger, false, __ATOMIC_ACQ_REL,
                                        __ATOMIC_RELAXED);
+  }
+
+  void countSmallBlocksFor(malloc_logger_t* logger, std::size_t below) override {
+    if (logger != nullptr) countedEvents.below.store(below, std::memory_order_relaxed);
+    countedEvents.logger.store(logger, std::memory_order_release);
   }
 
   // What the name means to this library is what it means to everybody whom the loader bound without one of

@@ -1,5 +1,5 @@
-// The malloc family of this process: tells malloc_logger and goes on to the C library. Part of the shared
-// library only: where this object is linked, it is the process's allocator.
+// The malloc family of this process: tells malloc_logger, or counts, and goes on to the C library. Part of
+// the shared library only: where this object is linked, it is the process's allocator.
 //
 // It runs from the loader's first steps to the process's last, on every thread. So it calls nothing but the C
 // library's own entry points, which need no look-up, and has no state but the logger.
@@ -8,6 +8,8 @@
 #include <cstdint>
 
 #include "vitalscope/platform/allocator.h"
+#include "vitalscope/platform/linux/counted_events.h"
+#include "vitalscope/platform/thread_counts.h"
 
 #if !defined(QBV_SANITIZED)  // a sanitizer brings the allocator that it checks
 
@@ -48,6 +50,38 @@ constinit const char heapName[] = "DefaultMallocZone";
   log(type, word(heapName), argument2, argument3, result, 1);
 }
 
+[[gnu::always_inline]] inline bool leavesCountingToUs(malloc_logger_t* log) {
+  return log == linux_backend::countedEvents.logger.load(std::memory_order_relaxed);
+}
+
+[[gnu::always_inline]] inline bool isCounted(malloc_logger_t* log, std::size_t size) {
+  return leavesCountingToUs(log) && size < linux_backend::countedEvents.below.load(std::memory_order_relaxed);
+}
+
+[[gnu::noinline, gnu::cold]] void* countFirst(void* block) {
+  addLiveBlocks(1);
+  return block;
+}
+
+// What an event tells twice the same says nothing to a logger that counts.
+template <auto allocate, class... Arguments>
+struct Counting {
+  [[gnu::noinline]] static void* call(Arguments... arguments, std::size_t size) {
+    void* const block = allocate(arguments...);
+    if (block == nullptr || word(block) == size) [[unlikely]]
+      return block;
+    if (!hasThreadCounts()) [[unlikely]]
+      return countFirst(block);
+    addLiveBlocks(1);
+    return block;
+  }
+};
+
+[[gnu::noinline, gnu::cold]] void countAndFreeFirst(void* block) {
+  if (block != nullptr) addLiveBlocks(-1);
+  __libc_free(block);
+}
+
 // The event's own arguments come first, so that they stay in the registers in which they came.
 template <auto allocate, std::uint32_t type, class... Arguments>
 struct Telling {
@@ -58,12 +92,14 @@ struct Telling {
   }
 };
 
-// Without a logger this is a jump to the C library, with one a jump to the function above: either way there
-// is one frame between an event's caller and the logger.
+// Without a logger this is a jump to the C library, with one a jump to a function above: either way there is
+// one frame between an event's caller and the logger.
 template <auto allocate, std::uint32_t type, class... Arguments>
 [[gnu::always_inline]] inline void* told(std::size_t size, Arguments... arguments) {
   malloc_logger_t* const log = logger();
   if (log == nullptr) return allocate(arguments...);
+  if (isCounted(log, size)) [[likely]]
+    return Counting<allocate, Arguments...>::call(arguments..., size);
   return Telling<allocate, type, Arguments...>::call(arguments..., size, log);
 }
 
@@ -115,7 +151,12 @@ QBV_EXPORT void* reallocarray(void* block, std::size_t count, std::size_t size) 
 QBV_EXPORT void free(void* block) noexcept {
   malloc_logger_t* const log = logger();
   if (log == nullptr) return __libc_free(block);
-  tellAndFree(block, log);
+  if (!leavesCountingToUs(log)) [[unlikely]]
+    return tellAndFree(block, log);
+  if (block == nullptr || !hasThreadCounts()) [[unlikely]]
+    return countAndFreeFirst(block);
+  addLiveBlocks(-1);
+  __libc_free(block);
 }
 
 QBV_EXPORT int posix_memalign(void** block, std::size_t alignment, std::size_t size) noexcept {
@@ -144,7 +185,8 @@ QBV_EXPORT void* pvalloc(std::size_t size) noexcept {
 }
 
 // Where this library's own malloc is, whoever's the process uses.
-[[gnu::alias("malloc"), gnu::visibility("hidden")]] void* qbv_interposed_malloc(std::size_t size) noexcept;
+[[gnu::alias("malloc"), gnu::malloc, gnu::alloc_size(1), gnu::visibility("hidden")]] void*
+qbv_interposed_malloc(std::size_t size) noexcept;
 
 }  // extern "C"
 

@@ -12,7 +12,8 @@ namespace qbv {
 
 namespace detail {
 constinit thread_local ThreadCounts* ownCounts [[gnu::tls_model("initial-exec")]] = nullptr;
-}
+constinit std::atomic<std::uint64_t> objectsOfNewSlots{ThreadCounts::kSharedObjects};
+}  // namespace detail
 
 namespace {
 
@@ -77,9 +78,15 @@ ThreadCounts* makeSlot() {
   if (!slotKey().made) return nullptr;
   ThreadCounts* slot = claimFree();
   if (slot == nullptr) slot = claimFromNewChunk();
-  if (slot == nullptr || pthread_setspecific(slotKey().key, slot) == 0) return slot;
-  slot->owned.store(false, std::memory_order_release);
-  return nullptr;
+  if (slot == nullptr) return nullptr;
+  if (pthread_setspecific(slotKey().key, slot) != 0) {
+    slot->owned.store(false, std::memory_order_release);
+    return nullptr;
+  }
+  // Never used so far, so nobody else writes to it.
+  if (slot->objects.load(std::memory_order_relaxed) == ThreadCounts::kSharedObjects)
+    slot->objects.store(detail::objectsOfNewSlots.load(std::memory_order_relaxed), std::memory_order_relaxed);
+  return slot;
 }
 
 }  // namespace

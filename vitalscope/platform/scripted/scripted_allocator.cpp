@@ -21,6 +21,10 @@ bool ScriptedAllocator::installMallocLogger(malloc_logger_t* wanted) {
   return logger_.compare_exchange_strong(none, wanted);
 }
 
+void ScriptedAllocator::countSmallBlocksFor(malloc_logger_t* wanted, std::size_t) {
+  countedLogger_ = wanted;
+}
+
 bool ScriptedAllocator::mallocLoggerSeesHeap() {
   return seesHeap_;
 }

@@ -27,6 +27,8 @@ class ScriptedAllocator final : public Allocator {
   MallocZone* malloc_create_zone(std::size_t startSize, unsigned flags) override;
   void malloc_set_zone_name(MallocZone* zone, const char* name) override;
   bool installMallocLogger(malloc_logger_t* wanted) override;
+  // Remembered only: everything is told.
+  void countSmallBlocksFor(malloc_logger_t* wanted, std::size_t below) override;
   bool mallocLoggerSeesHeap() override;
 
   // --- Events, told on the calling thread to the logger there is.
@@ -40,12 +42,14 @@ class ScriptedAllocator final : public Allocator {
   void setSeesHeap(bool sees) { seesHeap_ = sees; }  // true at first
   void setLogger(malloc_logger_t* wanted) { logger_ = wanted; }
   malloc_logger_t* logger() const { return logger_; }
+  malloc_logger_t* countedLogger() const { return countedLogger_; }
   // Made so far, in order.
   std::size_t zoneCount() const;
   const Zone& zone(std::size_t index) const;
 
  private:
   std::atomic<malloc_logger_t*> logger_{nullptr};
+  std::atomic<malloc_logger_t*> countedLogger_{nullptr};
   std::atomic<bool> seesHeap_{true};
   mutable std::mutex mutex_;
   std::deque<Zone> zones_;
