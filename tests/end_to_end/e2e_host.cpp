@@ -4,7 +4,10 @@
 //   allocate MEGABYTES                       take one block of the heap, and keep it
 //   block SECONDS | spin SECONDS             keep the main thread from answering
 //   grow MEGABYTES                           take and use memory, which is never given back
+//   lose COUNT BYTES                         take blocks that nothing points to afterwards
+//   note MEGABYTES                           take memory with a note of where it came from, once and twice
 //   status NUMBER                            the call status that the host answers (2: in a meeting)
+//   allowleaks | leave                       allow the leak check; tell that a meeting was left
 //   load LIBRARY                             load a library on another thread, and wait for that
 //   exit
 // It answers each with "done COMMAND". Arguments: --log | --no-log, --email ADDRESS.
@@ -19,9 +22,9 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "blocked_work.h"
+#include "memory_work.h"
 #include "vitalscope/platform/platform.h"
 
 namespace {
@@ -81,23 +84,36 @@ bool readCommand(std::string& line) {
   }
 }
 
-// Each megabyte by an allocation of its own, with something in every page.
-void keepThumbnails(std::size_t megabytes) {
-  constexpr std::size_t kMegabyte = 1024 * 1024;
-  for (; megabytes > 0; --megabytes) {
-    auto* const block = static_cast<char*>(std::malloc(kMegabyte));
-    for (std::size_t offset = 0; block != nullptr && offset < kMegabyte; offset += 1024) block[offset] = 1;
-    asm volatile("" : : "r"(block) : "memory");
-  }
-}
-
 void post(const char* name) {
   qbv::platform().notifications.defaultCenter().post(name);
 }
 
-void keepBlock(std::size_t size) {
-  static std::vector<void*> kept;
-  kept.push_back(std::malloc(size));
+void allowLeakCheck() {
+  qbv::platform().notifications.defaultCenter().post("user_leaks_detect",
+                                                     qbv::Value::Dictionary{{"enable_leaks_detect", true}});
+}
+
+// False for a word that has nothing to do with memory.
+bool takeMemory(const std::string& verb, std::istringstream& words) {
+  std::size_t number = 0;
+  std::size_t bytes = 0;
+  if (verb == "grow" && words >> number)
+    keepThumbnails(number);
+  else if (verb == "allocate" && words >> number)
+    keepBlock(number);
+  else if (verb == "lose" && words >> number >> bytes)
+    loseDrafts(number, bytes);
+  else if (verb == "note" && words >> number)
+    loadSlides(number), renderSlides(number);
+  else
+    return false;
+  return true;
+}
+
+void loadLibrary(const std::string& library) {
+  std::thread([&] {
+    if (dlopen(library.c_str(), RTLD_NOW) == nullptr) std::fprintf(stderr, "%s\n", dlerror());
+  }).join();
 }
 
 bool obey(const std::string& line) {
@@ -105,7 +121,6 @@ bool obey(const std::string& line) {
   std::string verb;
   words >> verb;
   double seconds = 0;
-  std::size_t megabytes = 0;
   int status = 0;
   std::string library;
   if (verb == "signin")
@@ -116,24 +131,22 @@ bool obey(const std::string& line) {
     post(qbv::NSApplicationDidBecomeActiveNotification);
   else if (verb == "inactive")
     post(qbv::NSApplicationDidResignActiveNotification);
+  else if (verb == "allowleaks")
+    allowLeakCheck();
+  else if (verb == "leave")
+    post("QBV_CMD_CONF_LEAVE_COMPLETE");
   else if (verb == "turn" && words >> seconds)
     turn(seconds);
   else if (verb == "block" && words >> seconds)
     importAttachments(seconds);
   else if (verb == "spin" && words >> seconds)
     recalculateSheet(seconds);
-  else if (verb == "grow" && words >> megabytes)
-    keepThumbnails(megabytes);
   else if (verb == "status" && words >> status)
     callStatus = status;
-  else if (verb == "allocate" && words >> megabytes)
-    keepBlock(megabytes << 20);
   else if (verb == "load" && words >> library)
-    std::thread([&] {
-      if (dlopen(library.c_str(), RTLD_NOW) == nullptr) std::fprintf(stderr, "%s\n", dlerror());
-    }).join();
+    loadLibrary(library);
   else
-    return false;
+    return takeMemory(verb, words);
   return true;
 }
 

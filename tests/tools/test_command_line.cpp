@@ -1,23 +1,14 @@
 // The command line as its users meet it: whole runs, their output and exit codes.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
-#include "tests/end_to_end/host_process.h"
-
-extern char** environ;
+#include "tests/tools/command_line.h"
 
 namespace {
 
@@ -39,70 +30,12 @@ constexpr bool kPreload = true;
 
 const fs::path kGolden = GOLDEN_FOLDER;
 
-struct Outcome {
-  int code = -1;
-  std::string out;
-  std::string errors;
-};
-
-class CommandLine : public testing::Test {
- protected:
-  CommandLine() {
-    unsetenv("DISPLAY");
-    unsetenv("NO_COLOR");
-    setenv("HOME", home_.path().c_str(), 1);
-    setenv("XDG_RUNTIME_DIR", runtime_.path().c_str(), 1);
-  }
-
-  Outcome command(std::vector<std::string> arguments) const {
-    const fs::path out = home_.path() / "out";
-    const fs::path errors = home_.path() / "errors";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    constexpr int kMode = O_WRONLY | O_CREAT | O_TRUNC;
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), kMode, 0600);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), kMode, 0600);
-    arguments.insert(arguments.begin(), COMMAND);
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments) pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    pid_t child = 0;
-    const int failure = posix_spawn(&child, COMMAND, &actions, nullptr, pointers.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    int status = 0;
-    EXPECT_TRUE(failure == 0 && waitpid(child, &status, 0) == child);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(out), contentOf(errors)};
-  }
-
-  // Every complaint is one line with the program's name in front.
-  void expectRefused(const std::vector<std::string>& arguments, int code, const std::string& reason) const {
-    const Outcome outcome = command(arguments);
-    EXPECT_EQ(outcome.code, code) << outcome.errors;
-    EXPECT_THAT(outcome.errors, StartsWith("quibvitalscope: "));
-    EXPECT_THAT(outcome.errors, HasSubstr(reason));
-    EXPECT_THAT(outcome.out, IsEmpty());
-  }
-
-  fs::path place(const std::string& belowRoot, const std::string& text) const {
-    const fs::path path = home_.path() / "Library/Logs/quibapp/Diagnostic" / belowRoot;
-    fs::create_directories(path.parent_path());
-    std::ofstream(path) << text;
-    return path;
-  }
-  fs::path script(const std::string& name, const std::string& text, mode_t mode = 0755) const {
-    const fs::path path = home_.path() / name;
-    std::ofstream(path) << text;
-    chmod(path.c_str(), mode);
-    return path;
-  }
-  static std::string golden() { return contentOf(kGolden / "hang.hang"); }
-
-  e2e::TemporaryFolder home_;
-  e2e::TemporaryFolder runtime_;
-};
+std::string golden() {
+  return contentOf(kGolden / "hang.hang");
+}
 
 TEST_F(CommandLine, ExplainsItself) {
-  for (const char* const name : {"run", "post", "reports", "show", "doctor"}) {
+  for (const char* const name : {"run", "post", "reports", "show", "stacks", "doctor"}) {
     const Outcome help = command({name, "--help"});
     EXPECT_EQ(help.code, 0);
     EXPECT_THAT(help.out, HasSubstr(std::string("Usage: quibvitalscope ") + name));
