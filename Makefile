@@ -17,8 +17,10 @@ build/%/.configured:
 	cmake --preset $* >/dev/null
 	@touch $@
 
+# HOST=memory shows the host that takes too much memory instead of the one that hangs.
+HOST ?= hang
 demo: all
-	scripts/demo build/release
+	scripts/demo build/release $(HOST)
 
 test: 
 	scripts/setup test
