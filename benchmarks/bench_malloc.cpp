@@ -1,6 +1,6 @@
 // What the allocation monitor adds to a pair of malloc and free, beside tools that count allocations and
 // beside other allocators; and what counting adds to an object's life. Every malloc figure is a process of
-// its own, the best of nine rounds in it; "ratio" is against the plain C library on as many threads,
+// its own, the best of up to nine rounds in it; "ratio" is against the plain C library on as many threads,
 // "added_ns" the difference.
 #include <benchmark/benchmark.h>
 #include <stdio.h>
@@ -34,8 +34,12 @@ constexpr Way kWays[] = {
     {"heaptrack", "LD_PRELOAD=/usr/lib/heaptrack/libheaptrack_preload.so DUMP_HEAPTRACK_OUTPUT=/dev/null",
      MALLOC_LOOP_PLAIN, "", "/usr/lib/heaptrack/libheaptrack_preload.so"},
     {"jemalloc", "LD_PRELOAD=libjemalloc.so.2", MALLOC_LOOP_PLAIN, "", MULTIARCH "libjemalloc.so.2"},
+    {"jemalloc_profiler", "LD_PRELOAD=libjemalloc.so.2 MALLOC_CONF=prof:true,prof_active:true",
+     MALLOC_LOOP_PLAIN, "", MULTIARCH "libjemalloc.so.2"},
     {"tcmalloc", "LD_PRELOAD=libtcmalloc_minimal.so.4", MALLOC_LOOP_PLAIN, "",
      MULTIARCH "libtcmalloc_minimal.so.4"},
+    {"tcmalloc_profiler", "LD_PRELOAD=libtcmalloc.so.4 HEAPPROFILE=/dev/null", MALLOC_LOOP_PLAIN, "",
+     MULTIARCH "libtcmalloc.so.4"},
 };
 
 // Nanoseconds of a pair; 0 when the program does not run.
