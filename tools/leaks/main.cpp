@@ -19,7 +19,8 @@ constexpr char kHelp[] =
     "The process is stopped for a moment, copied, and runs on; it needs no preparation, but the\n"
     "right to trace it. Any word that points into a block keeps it: pointers that are stored\n"
     "encoded are not seen, and a stale one hides a leak.\n"
-    "The largest blocks are listed with their first bytes, with --all every one.\n"
+    "The largest blocks are listed with their first bytes, with --all every one. Where the process\n"
+    "recorded the stacks of its allocations, blocks are grouped by these, too.\n"
     "Exit status: 0 the heap was examined, leaks or not; 1 it could not be; 2 wrong usage.\n";
 
 bool parseProcess(const char* text, pid_t& process) {
