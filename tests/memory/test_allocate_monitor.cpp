@@ -151,7 +151,8 @@ TEST_F(AllocateMonitorTest, AnAllocationOfTheReportIsCountedAndNotReported) {
                                           scripted.dates,
                                           scripted.log,
                                           scripted.hostInfo,
-                                          heap};
+                                          heap,
+                                          scripted.devices};
   const qbv::ScopedPlatform installed(areas);
   QBAllocateMemoryMonitor::sharedInstance()->startMonitor();
   errno = EINTR;
