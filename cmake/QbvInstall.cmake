@@ -25,6 +25,14 @@ function(qbv_shared_library target map)
   endif()
 endfunction()
 
+# Linkers that drop libraries from which nothing is called (--as-needed, the default on some systems) would drop a
+# monitor. So whoever links the target names it once more to the linker, as a library to keep; what else the program
+# links is treated as its own flags say.
+function(qbv_kept_library target)
+  target_link_options(${target} INTERFACE
+    "LINKER:--push-state,--no-as-needed,$<TARGET_FILE:$<TARGET_NAME:${target}>>,--pop-state")
+endfunction()
+
 function(qbv_install)
   install(TARGETS ${ARGN} EXPORT QuibVitalscopeTargets FILE_SET HEADERS DESTINATION "${qbv_include_dir}")
 endfunction()
