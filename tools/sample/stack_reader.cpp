@@ -53,7 +53,7 @@ int addImage(Dwfl_Module* module, void**, const char* name, Dwarf_Addr, void* ar
   facts.path = file != nullptr ? file : name;
   // The bias has to be known before the build id can be read.
   GElf_Addr bias = 0;
-  dwfl_module_getelf(module, &bias);
+  const bool isImage = dwfl_module_getelf(module, &bias) != nullptr;
   const unsigned char* bits = nullptr;
   GElf_Addr address = 0;
   for (int i = 0, count = dwfl_module_build_id(module, &bits, &address); i < count; ++i) {
@@ -61,7 +61,9 @@ int addImage(Dwfl_Module* module, void**, const char* name, Dwarf_Addr, void* ar
     facts.buildId += digits[bits[i] >> 4];
     facts.buildId += digits[bits[i] & 15];
   }
-  static_cast<std::vector<ImageFacts>*>(argument)->push_back(std::move(facts));
+  // Fonts, locales and other files are mapped too.
+  if (isImage || !facts.buildId.empty())
+    static_cast<std::vector<ImageFacts>*>(argument)->push_back(std::move(facts));
   return DWARF_CB_OK;
 }
 
