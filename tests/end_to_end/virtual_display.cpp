@@ -24,12 +24,14 @@ std::string lineFrom(int descriptor) {
   return "";
 }
 
-VirtualDisplay::VirtualDisplay() {
+VirtualDisplay::VirtualDisplay(const std::string& name) {
   int report[2];
   if (pipe(report) != 0) return;
   fcntl(report[0], F_SETFD, FD_CLOEXEC);
   const std::string number = std::to_string(report[1]);
-  const char* const words[] = {"Xvfb", "-displayfd", number.c_str(), "-nolisten", "tcp", nullptr};
+  const char* const words[] = {"Xvfb",      "-displayfd", number.c_str(),
+                               "-nolisten", "tcp",        name.empty() ? nullptr : name.c_str(),
+                               nullptr};
   if (posix_spawnp(&pid_, words[0], nullptr, nullptr, const_cast<char**>(words), environ) != 0) pid_ = -1;
   close(report[1]);
   const std::string line = lineFrom(report[0]);

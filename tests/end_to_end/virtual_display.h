@@ -7,10 +7,11 @@
 
 namespace e2e {
 
-// An X server without a screen, on a display number of its own choice; it goes with the object.
+// An X server without a screen, on a display number of its own choice unless it is given the name of one; it
+// goes with the object.
 class VirtualDisplay {
  public:
-  VirtualDisplay();
+  explicit VirtualDisplay(const std::string& name = "");
   ~VirtualDisplay();
   VirtualDisplay(const VirtualDisplay&) = delete;
   VirtualDisplay& operator=(const VirtualDisplay&) = delete;

@@ -152,7 +152,8 @@ TEST_F(AllocateMonitorTest, AnAllocationOfTheReportIsCountedAndNotReported) {
                                           scripted.log,
                                           scripted.hostInfo,
                                           heap,
-                                          scripted.devices};
+                                          scripted.devices,
+                                          scripted.windows};
   const qbv::ScopedPlatform installed(areas);
   QBAllocateMemoryMonitor::sharedInstance()->startMonitor();
   errno = EINTR;

@@ -26,6 +26,7 @@ struct Context {
 };
 void addRunCommand(CLI::App& app, Context& context);
 void addPostCommand(CLI::App& app, Context& context);
+void addDashboardCommand(CLI::App& app, Context& context);
 void addReportsCommand(CLI::App& app, Context& context);
 void addShowCommand(CLI::App& app, Context& context);
 void addStacksCommand(CLI::App& app, Context& context);

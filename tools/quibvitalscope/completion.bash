@@ -59,7 +59,7 @@ _quibvitalscope() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   if [ "$COMP_CWORD" = 1 ]; then
-    _quibvitalscope_words "run post reports show stacks watch doctor --help --version" "$current"
+    _quibvitalscope_words "run post dashboard reports show stacks watch doctor --help --version" "$current"
     return
   fi
   case ${COMP_WORDS[1]} in
@@ -71,6 +71,7 @@ _quibvitalscope() {
              Noti_Login_FB_Login_Finished Noti_KXProcessWillTerminate QBV_CMD_CONF_LEAVE_COMPLETE
              quib_user_report_performance_log open_diagnostic_folder" "$current" ;;
       esac ;;
+    dashboard) _quibvitalscope_words "$(_quibvitalscope_pids) --help" "$current" ;;
     reports)
       if [ "$previous" = --pid ]; then
         _quibvitalscope_words "$(_quibvitalscope_report_pids)" "$current"

@@ -20,8 +20,8 @@ int fail(int exitCode, const std::string& sentence) {
 
 namespace {
 
-constexpr auto kCommands = {addRunCommand,    addPostCommand,  addReportsCommand, addShowCommand,
-                            addStacksCommand, addWatchCommand, addDoctorCommand};
+constexpr auto kCommands = {addRunCommand,  addPostCommand,   addDashboardCommand, addReportsCommand,
+                            addShowCommand, addStacksCommand, addWatchCommand,     addDoctorCommand};
 
 int usageError(const CLI::App& app, const CLI::ParseError& error) {
   std::string command = "quibvitalscope";

@@ -1,4 +1,4 @@
-// post: posts a notification in a monitored process.
+// post: posts a notification in a monitored process; dashboard: the one that shows or hides its dashboard.
 #include <signal.h>
 
 #include <cerrno>
@@ -58,6 +58,19 @@ void addPostCommand(CLI::App& app, Context& context) {
     options->pairs.insert(options->pairs.end(), context.arguments.begin(), context.arguments.end());
     context.exitCode = post(*options);
   });
+}
+
+void addDashboardCommand(CLI::App& app, Context& context) {
+  const auto options = std::make_shared<Options>();
+  options->name = "performance_dashboard";
+  CLI::App* const sub =
+      app.add_subcommand("dashboard", "Show or hide the dashboard of a program that 'run' started");
+  setHelp(*sub, "dashboard PID",
+          "Shows the memory gauge of a program that 'run' started, or hides it: the same as posting "
+          "performance_dashboard.");
+  sub->add_option("PID", options->process, "Process id of the program")->required()->check(processId());
+  sub->footer("Exit codes: 0 asked, 1 not asked (no such process, not monitored, another user's), 2 usage.");
+  sub->callback([options, &context] { context.exitCode = post(*options); });
 }
 
 }  // namespace qbv::cli

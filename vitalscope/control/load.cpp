@@ -7,6 +7,7 @@
 #include "vitalscope/memory/QBAllocateMemoryMonitor.h"
 #include "vitalscope/memory/QBObjectAllocMonitor.h"
 #include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
+#include "vitalscope/platform/platform.h"
 #include "vitalscope/probes/QBVBatteryMonitor.h"
 #include "vitalscope/probes/QBVitalscopeBacktrace.h"
 #include "vitalscope/report/QBVReportSources.h"
@@ -41,6 +42,12 @@ QBVReportSources sources() {
   return sources;
 }
 
+// A display and its fonts are found in the background first: the toggle itself costs the main thread little,
+// and comes to it whichever thread posts the notification.
+void toggleDashboard() {
+  platform().windows.prepare([] { QBVitalscopeDashboard::sharedInstance()->setup(); });
+}
+
 }  // namespace
 
 void load() {
@@ -51,6 +58,7 @@ void load() {
   QBVBatteryMonitor::setPowerReport([] {
     QBVitalscopeReport::sharedInstance()->reportWithReason(QBVReportReasonPower, 0, Value::Dictionary());
   });
+  QBVitalscope::sharedInstance()->setDebugAction(QBVitalscope::DebugSwitch::dashboard, toggleDashboard);
   QBVitalscope::load();
   QBVitalscopeBacktrace::load();
   NSObject_AllocMonitor::load();

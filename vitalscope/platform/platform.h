@@ -16,6 +16,7 @@
 #include "vitalscope/platform/run_loop.h"
 #include "vitalscope/platform/runtime.h"
 #include "vitalscope/platform/task.h"
+#include "vitalscope/platform/windows.h"
 
 namespace qbv {
 
@@ -34,6 +35,7 @@ struct Platform {
   HostInfo& hostInfo;
   Allocator& allocator;
   Devices& devices;
+  Windows& windows;
 };
 
 // The set in use: the real one of this system unless a test installed another. Any thread; one atomic load.

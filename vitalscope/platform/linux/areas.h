@@ -19,5 +19,6 @@ Log& log();
 HostInfo& hostInfo();
 Allocator& allocator();
 Devices& devices();
+Windows& windows();
 
 }  // namespace qbv::linux_backend

@@ -7,7 +7,7 @@ const Platform& platform() {
   watchForks();
   static const Platform set{task(),          images(),    runtime(),   dispatch(), runLoop(),
                             notifications(), processes(), files(),     clock(),    dates(),
-                            log(),           hostInfo(),  allocator(), devices()};
+                            log(),           hostInfo(),  allocator(), devices(),  windows()};
   return set;
 }
 

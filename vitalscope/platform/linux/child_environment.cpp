@@ -1,12 +1,11 @@
 #include "vitalscope/platform/linux/child_environment.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <climits>
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
+
+#include "vitalscope/platform/linux/own_folder.h"
 
 namespace qbv::linux_backend {
 namespace {
@@ -27,32 +26,8 @@ std::string withFolderInFront(const std::string& folder, std::string_view path) 
   return folder + ":" + std::string(path);
 }
 
-// The file that an address of this code is mapped from. Read from the kernel: the loader knows only the path
-// it was given, which may be relative to a folder that has been left, and asking it can wait for a library
-// whose constructor is slow.
-std::string ownFile() {
-  struct CloseFile {
-    void operator()(FILE* file) const { std::fclose(file); }
-  };
-  const std::unique_ptr<FILE, CloseFile> maps(std::fopen("/proc/self/maps", "re"));
-  const auto wanted = reinterpret_cast<std::uintptr_t>(&ownFile);
-  char line[PATH_MAX + 128];
-  while (maps != nullptr && std::fgets(line, sizeof line, maps.get()) != nullptr) {
-    std::uintptr_t start = 0;
-    std::uintptr_t end = 0;
-    if (std::sscanf(line, "%" SCNxPTR "-%" SCNxPTR, &start, &end) != 2) continue;
-    if (wanted < start || wanted >= end) continue;
-    const std::string_view text(line);
-    const std::size_t slash = text.find('/');
-    return slash == std::string_view::npos ? std::string()
-                                           : std::string(text.substr(slash, text.find('\n') - slash));
-  }
-  return {};
-}
-
 std::string findCompanionTools() {
-  const std::string file = ownFile();
-  const std::string folder = file.substr(0, file.find_last_of('/') + 1);
+  const std::string folder = ownFolder();
   if (folder.empty()) return {};
   for (const char* const place : {QBV_TOOLS_FROM_LIBRARY, "../libexec/quibvitalscope", "../tools"}) {
     const std::string candidate = *place == '/' ? place : folder + place;

@@ -16,6 +16,7 @@
 #include "vitalscope/platform/scripted/scripted_processes.h"
 #include "vitalscope/platform/scripted/scripted_run_loop.h"
 #include "vitalscope/platform/scripted/scripted_task.h"
+#include "vitalscope/platform/scripted/scripted_windows.h"
 
 namespace qbv {
 
@@ -50,10 +51,11 @@ class ScriptedPlatform {
   ScriptedHostInfo hostInfo;
   ScriptedAllocator allocator;
   ScriptedDevices devices;
+  ScriptedWindows windows;
 
  private:
-  Platform areas_{task,  images, runtime, dispatch, runLoop,  notifications, processes,
-                  files, clock,  dates,   log,      hostInfo, allocator,     devices};
+  Platform areas_{task,  images, runtime, dispatch, runLoop,   notifications, processes, files,
+                  clock, dates,  log,     hostInfo, allocator, devices,       windows};
   ScopedPlatform installed_{areas_};
 };
 
