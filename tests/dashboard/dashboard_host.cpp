@@ -3,7 +3,7 @@
 //   still                let the wave stand, at the place where it begins
 //   memory MEGABYTES     what the memory monitor would tell it; a standing wave makes one step
 //   cpu PERCENT          what the label says instead of the process's true CPU use
-//   wait shown|hidden    until the dashboard is that
+//   wait shown|hidden|moved   until the dashboard is that, moved: by the user
 //   turn SECONDS         let the main loop turn
 //   fork                 make a child that toggles, and wait for its end
 //   exit
@@ -59,6 +59,12 @@ void toggleInChild() {
   waitpid(child, nullptr, 0);
 }
 
+bool isSo(const std::string& what) {
+  if (what != "moved") return dashboard().isShow() == (what == "shown");
+  const double edge = qbv::platform().windows.mainScreenFrame().size.width;
+  return dashboard().dashboardWindow()->frame().origin.x != edge - 100;
+}
+
 bool obey(const std::string& line) {
   std::istringstream words(line);
   std::string verb;
@@ -76,7 +82,7 @@ bool obey(const std::string& line) {
     turn(0.01);
     dashboard().cpuUsageLabel()->setString("CPU:" + what + "%");
   } else if (verb == "wait" && words >> what) {
-    while (dashboard().isShow() != (what == "shown")) turnOnce(50);
+    while (!isSo(what)) turnOnce(50);
   } else if (verb == "turn" && words >> number) {
     turn(number);
   } else if (verb == "fork") {

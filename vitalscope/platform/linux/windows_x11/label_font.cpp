@@ -16,12 +16,12 @@ struct Destroy {
   }
 };
 
-FT_Face openBestMatch(FT_Library library, const char* wanted) {
+FT_Face openBestMatch(FT_Library library, const char* family) {
   // A configuration of our own: the host's, if it has one, is left alone.
   const std::unique_ptr<FcConfig, Destroy<FcConfigDestroy>> config(FcInitLoadConfigAndFonts());
-  const std::unique_ptr<FcPattern, Destroy<FcPatternDestroy>> pattern(
-      FcNameParse(reinterpret_cast<const FcChar8*>(wanted)));
+  const std::unique_ptr<FcPattern, Destroy<FcPatternDestroy>> pattern(FcPatternCreate());
   if (config == nullptr || pattern == nullptr) return nullptr;
+  FcPatternAddString(pattern.get(), FC_FAMILY, reinterpret_cast<const FcChar8*>(family));
   FcConfigSubstitute(config.get(), pattern.get(), FcMatchPattern);
   FcDefaultSubstitute(pattern.get());
   FcResult result = FcResultNoMatch;
@@ -64,7 +64,7 @@ void setSize(FT_Face face, double pixelsPerEm) {
 }  // namespace
 
 LabelFont::LabelFont(const Rasterizer& rasterizer)
-    : face_(openBestMatch(rasterizer.library(), "sans-serif:regular")) {}
+    : face_(openBestMatch(rasterizer.library(), "sans-serif")) {}
 
 LabelFont::~LabelFont() {
   if (face_ != nullptr) FT_Done_Face(face_);
