@@ -68,3 +68,23 @@ QBV_HOST_API int qbv_host_main_queue_descriptor() {
 QBV_HOST_API int qbv_host_drain_main_queue() {
   return qbv::platform().runLoop.drain() ? 1 : 0;
 }
+
+QBV_HOST_API int qbv_host_watch_run_loop() {
+  return qbv::host::watchRunLoop() ? 0 : -1;
+}
+
+QBV_HOST_API void qbv_host_loop_will_wait() {
+  qbv::host::loopWillWait();
+}
+
+QBV_HOST_API void qbv_host_loop_did_wake() {
+  qbv::host::loopDidWake();
+}
+
+QBV_HOST_API void qbv_host_send_event(void (*handle)(void*), void* context) {
+  if (handle != nullptr) qbv::platform().runLoop.sendEvent(handle, context);
+}
+
+QBV_HOST_API void qbv_host_post_event(void (*handle)(void*), void* context) {
+  if (handle != nullptr) qbv::platform().runLoop.postEvent(handle, context);
+}

@@ -59,6 +59,25 @@ int qbv_host_post(const char* name, const char* user_info);
 int qbv_host_main_queue_descriptor(void);
 int qbv_host_drain_main_queue(void);
 
+/* The run-loop monitor: writes the main thread's stack to the system log when a pass of the main loop or an
+ * event lasts more than two seconds, or the process uses more than 70 percent of a core. It runs from this
+ * call on, as long as the process, whether a user is signed in or not; on another thread than the main one it
+ * starts when the main loop drains next. Further calls change nothing. 0; -1 when libquibvitalscope is not
+ * loaded. */
+int qbv_host_watch_run_loop(void);
+
+/* What the run-loop monitor cannot see of a loop that is neither GLib's nor ours. All optional; the first
+ * three on the main thread.
+ * Around each wait of the loop, always both: from then on whole passes are timed, otherwise only what drain
+ * runs. */
+void qbv_host_loop_will_wait(void);
+void qbv_host_loop_did_wake(void);
+/* Dispatches an event: handle(context) is called before this returns, and timed by itself. It may dispatch
+ * further events, and must not throw. */
+void qbv_host_send_event(void (*handle)(void* context), void* context);
+/* The same later, from the main loop, in order with the other posts. Any thread. */
+void qbv_host_post_event(void (*handle)(void* context), void* context);
+
 #ifdef __cplusplus
 }
 #endif

@@ -22,5 +22,11 @@ struct UploadHelper {
 QBV_EXPORT void setUploadHelper(UploadHelper helper);
 QBV_EXPORT void setBundleValue(const std::string& key, const std::string& value);
 QBV_EXPORT void post(const std::string& name, const Value& userInfo = {});
+// False when libquibvitalscope is not loaded.
+QBV_EXPORT bool watchRunLoop();
+QBV_EXPORT void loopWillWait();
+QBV_EXPORT void loopDidWake();
+QBV_EXPORT void sendEvent(const std::function<void()>& handle);
+QBV_EXPORT void postEvent(std::function<void()> handle);
 
 }  // namespace qbv::host

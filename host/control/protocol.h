@@ -18,6 +18,9 @@ inline constexpr char kEmailVariable[] = "QUIBVITALSCOPE_EMAIL";         // defa
 inline constexpr char kKeepsLogsVariable[] = "QUIBVITALSCOPE_LOG";       // "0": a build that keeps no logs
 inline constexpr char kBundleIdVariable[] = "QUIBVITALSCOPE_BUNDLE_ID";  // default: the executable's name
 inline constexpr char kVersionVariable[] = "QUIBVITALSCOPE_VERSION";     // default: "0"
+inline constexpr char kWatchRunLoopVariable[] = "QUIBVITALSCOPE_WATCH_RUN_LOOP";  // "1": from sign-in on
+// Posted in a process under the stand-in host, it starts the run-loop monitor there.
+inline constexpr char kWatchRunLoopNotification[] = "quibvitalscope_watch_run_loop";
 
 // A longer line is refused and its connection closed.
 inline constexpr std::size_t kMaximumMessageBytes = std::size_t{64} * 1024;
@@ -41,6 +44,7 @@ inline constexpr char kMainLoop[] =
 inline constexpr char kMainLoopSeconds[] = "mainLoopSeconds";  // since its main loop's first pass was seen
 inline constexpr char kAwake[] = "awake";                      // false while the machine goes to sleep
 inline constexpr char kWatchingMainThread[] = "watchingMainThread";  // the hang monitor ticks
+inline constexpr char kWatchingRunLoop[] = "watchingRunLoop";        // the run-loop monitor was started
 inline constexpr char kDiagnosticFolder[] = "diagnosticFolder";      // where reports go; made with the first
 inline constexpr char kHangLevel[] = "hangLevel";                    // level of the latest hang, 0 to 5
 inline constexpr char kFindings[] = "findings";                      // ticks that found something

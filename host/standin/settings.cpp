@@ -17,6 +17,7 @@ Settings settingsFrom(const std::function<const char*(const char* name)>& variab
   settings.keepsLogs = valueOr(control::kKeepsLogsVariable, "1") != "0";
   settings.bundleId = valueOr(control::kBundleIdVariable, executable);
   settings.version = valueOr(control::kVersionVariable, "0");
+  settings.watchRunLoop = valueOr(control::kWatchRunLoopVariable, "0") == "1";
   return settings;
 }
 

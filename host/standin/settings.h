@@ -11,6 +11,7 @@ struct Settings {
   bool keepsLogs = true;
   std::string bundleId;
   std::string version;
+  bool watchRunLoop = false;
 };
 
 // `variable` answers null for a variable that is not set.

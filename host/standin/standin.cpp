@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "host/control/protocol.h"
 #include "host/quibvitalscope_host.h"
 #include "host/quibvitalscope_host.hpp"
 #include "host/standin/activity.h"
@@ -42,6 +43,7 @@ StandIn& StandIn::shared() {
 
 void StandIn::load(const Settings& settings) {
   loadedAt_ = platform().clock.monotonicNanoseconds();
+  watchRunLoop_ = settings.watchRunLoop;
   giveAnswers(settings);
   observeHost();
   Dispatch& dispatch = platform().dispatch;
@@ -54,13 +56,19 @@ void StandIn::observeHost() {
   onHostEvent(QBV_HOST_WILL_TERMINATE, [this](const Notification&) { signedIn_ = false; });
   onHostEvent(QBV_HOST_DID_BECOME_ACTIVE, [this](const Notification&) { active_ = true; });
   onHostEvent(QBV_HOST_DID_RESIGN_ACTIVE, [this](const Notification&) { active_ = false; });
+  onHostEvent(control::kWatchRunLoopNotification, [this](const Notification&) { watchRunLoop(); });
 }
 
 void StandIn::signIn() {
   mainLoopSeenAt_ = platform().clock.monotonicNanoseconds();
   host::post(QBV_HOST_SIGNED_IN);
+  if (watchRunLoop_) watchRunLoop();
   Dispatch& dispatch = platform().dispatch;
   dispatch.dispatch_async(dispatch.dispatch_get_global_queue(), [this] { watchApplication(); });
+}
+
+void StandIn::watchRunLoop() {
+  if (host::watchRunLoop()) watchingRunLoop_ = true;
 }
 
 void StandIn::watchApplication() {

@@ -31,6 +31,7 @@ class StandIn {
  private:
   void observeHost();
   void signIn();
+  void watchRunLoop();
   void watchApplication();
   void setActive(bool active, const char* source);
 
@@ -38,6 +39,8 @@ class StandIn {
   std::atomic<std::uint64_t> mainLoopSeenAt_{0};  // the same; 0 before
   std::atomic<bool> signedIn_{false};
   std::atomic<bool> active_{false};
+  std::atomic<bool> watchRunLoop_{false};  // wanted from sign-in on
+  std::atomic<bool> watchingRunLoop_{false};
   std::atomic<const char*> activitySource_{"always"};
 };
 

@@ -58,6 +58,7 @@ Value StandIn::status() const {
                           {control::kActivitySource, activitySource_.load()},
                           {control::kMainLoop, platform().runLoop.mainLoopKind()},
                           {control::kMainLoopSeconds, sinceLoop},
+                          {control::kWatchingRunLoop, watchingRunLoop_.load()},
                           {control::kDiagnosticFolder, diagnosticFolder()}};
   if (internal) addHangMonitor(facts);
   return facts;

@@ -115,7 +115,7 @@ TEST_F(RunLoopMonitorTest, IdenticalTextIsNotRepeatedAndAnotherIs) {
   scripted.advance(4);
   const auto first = logged();
   ASSERT_THAT(first, SizeIs(2));
-  EXPECT_THAT(first[0], AllOf(StartsWith(kHeading), HasSubstr("259")));
+  EXPECT_THAT(first[0], AllOf(StartsWith(kHeading), HasSubstr("0x0000000100000300")));
   EXPECT_EQ(first[1], kSame);
   EXPECT_EQ(kHeading + monitor->reportInfo(), first[0]);
 

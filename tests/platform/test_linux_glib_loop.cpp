@@ -97,6 +97,63 @@ TEST(LinuxGlibLoop, LoopNestedInABlockGoesOnWithTheRest) {
   EXPECT_THAT(order, ElementsAre(1, 2, 3, 4));
 }
 
+std::vector<CFRunLoopActivity> told;
+void observe() {
+  const auto note = [](CFRunLoopObserverRef, CFRunLoopActivity activity, void*) { told.push_back(activity); };
+  runLoop().CFRunLoopAddObserver(
+      runLoop().CFRunLoopObserverCreate(kCFRunLoopAllActivities, true, 0, note, nullptr),
+      kCFRunLoopCommonModes);
+}
+constexpr CFRunLoopActivity kTimers = kCFRunLoopBeforeTimers, kSources = kCFRunLoopBeforeSources,
+                            kSleep = kCFRunLoopBeforeWaiting, kWake = kCFRunLoopAfterWaiting,
+                            kExit = kCFRunLoopExit, kBlock = 1u << 20, kTimeout = 1u << 21;
+
+gboolean noteTimeout(gpointer) {
+  told.push_back(kTimeout);
+  return G_SOURCE_REMOVE;
+}
+
+TEST(LinuxGlibLoop, ObserversHearPassesThatSleepAndPassesThatDoNot) {
+  post([] {});
+  turnWithoutWaiting();
+  observe();
+  g_timeout_add(1, noteTimeout, nullptr);
+  g_main_context_iteration(nullptr, TRUE);
+  EXPECT_THAT(told, ElementsAre(kSleep, kWake, kTimers, kSources, kTimeout));
+  told.clear();
+  post([] { told.push_back(kBlock); });
+  g_main_context_iteration(nullptr, FALSE);
+  g_main_context_iteration(nullptr, FALSE);
+  EXPECT_THAT(told, ElementsAre(kExit, kTimers, kSources, kBlock, kExit, kTimers, kSources));
+}
+
+TEST(LinuxGlibLoop, NestedLoopIsToldWithinThePassThatTurnsIt) {
+  post([] {});
+  turnWithoutWaiting();
+  observe();
+  post([] {
+    told.push_back(kBlock);
+    g_timeout_add(1, noteTimeout, nullptr);
+    g_main_context_iteration(nullptr, TRUE);
+    told.push_back(kBlock);
+  });
+  g_main_context_iteration(nullptr, TRUE);
+  EXPECT_THAT(told, ElementsAre(kSleep, kWake, kTimers, kSources, kBlock, kSleep, kWake, kTimers, kSources,
+                                kTimeout, kBlock));
+}
+
+TEST(LinuxGlibLoop, BlocksAreATurnOfTheirOwnWhereTheHostTookThePollAway) {
+  post([] {});
+  turnWithoutWaiting();
+  g_main_context_set_poll_func(nullptr, nullptr);
+  post([] {});
+  turnWithoutWaiting();
+  observe();
+  post([] { told.push_back(kBlock); });
+  turnWithoutWaiting();
+  EXPECT_THAT(told, ElementsAre(kTimers, kSources, kBlock, kExit));
+}
+
 int hostPolls = 0;
 GPollFunc chained = nullptr;
 int hostPoll(GPollFD* entries, guint count, gint timeout) {

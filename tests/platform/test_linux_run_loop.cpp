@@ -12,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "vitalscope/platform/linux/areas.h"
@@ -106,6 +107,84 @@ TEST(LinuxRunLoop, StopEndsTheInnermostRunOnly) {
   EXPECT_TRUE(runLoop().drain());
   EXPECT_THAT(order, ElementsAre(1, 2, 3, 4, 5));
   EXPECT_FALSE(runLoop().runOnce(0));
+}
+
+std::vector<CFRunLoopActivity> told;
+// Notes what the loop tells from now on.
+void observe() {
+  const auto note = [](CFRunLoopObserverRef, CFRunLoopActivity activity, void*) { told.push_back(activity); };
+  runLoop().CFRunLoopAddObserver(
+      runLoop().CFRunLoopObserverCreate(kCFRunLoopAllActivities, true, 0, note, nullptr),
+      kCFRunLoopCommonModes);
+}
+// What was told since the last call.
+std::vector<CFRunLoopActivity> heard() {
+  return std::exchange(told, {});
+}
+constexpr CFRunLoopActivity kEntry = kCFRunLoopEntry, kTimers = kCFRunLoopBeforeTimers,
+                            kSources = kCFRunLoopBeforeSources, kSleep = kCFRunLoopBeforeWaiting,
+                            kWake = kCFRunLoopAfterWaiting, kExit = kCFRunLoopExit, kBlock = 1u << 20;
+
+TEST(LinuxRunLoop, ObserversHearThePassesOfOurLoopAndOfThoseNestedInIt) {
+  observe();
+  runLoop().runOnce(1);
+  EXPECT_THAT(heard(), ElementsAre(kEntry, kTimers, kSources, kSleep, kWake, kExit));
+  runLoop().runOnce(0);
+  EXPECT_THAT(heard(), ElementsAre(kEntry, kTimers, kSources, kExit)) << "that did not wait";
+
+  post([] { told.push_back(kBlock); });
+  post([] {
+    runLoop().drain();
+    runLoop().stop();
+  });
+  runLoop().run();
+  EXPECT_THAT(heard(), ElementsAre(kEntry, kTimers, kSources, kBlock, kExit))
+      << "work waited, and a drain in a block is part of the pass";
+
+  runLoop().drain();
+  heard();
+  post([] { runLoop().runOnce(1); });
+  runLoop().runOnce(-1);
+  EXPECT_THAT(heard(),
+              ElementsAre(kEntry, kTimers, kSources, kEntry, kTimers, kSources, kSleep, kWake, kExit, kExit));
+}
+
+TEST(LinuxRunLoop, DrainIsATurnOfItsOwnUnlessTheHostTellsItsWaits) {
+  observe();
+  post([] { told.push_back(kBlock); });
+  runLoop().drain();
+  EXPECT_THAT(heard(), ElementsAre(kTimers, kSources, kBlock, kExit));
+
+  runLoop().willWait();
+  runLoop().didWake();
+  post([] { told.push_back(kBlock); });
+  runLoop().drain();
+  EXPECT_THAT(heard(), ElementsAre(kSleep, kWake, kTimers, kSources, kBlock));
+}
+
+TEST(LinuxRunLoop, OnlyTheMainThreadHasALoop) {
+  EXPECT_EQ(runLoop().currentRunLoop(), &runLoop());
+  std::jthread([] { EXPECT_EQ(runLoop().currentRunLoop(), nullptr); }).join();
+}
+
+TEST(LinuxRunLoop, EventsAreDispatchedInOrderWithBlocksThroughTheApplication) {
+  static std::vector<int> order;
+  static IMP former = nullptr;
+  Runtime& table = platform().runtime;
+  const Class application = table.NSClassFromString("NSApplication");
+  const SEL sendEvent = table.NSSelectorFromString("sendEvent:");
+  const auto hook = +[](id self, SEL selector, id event) {
+    order.push_back(0);
+    reinterpret_cast<void (*)(id, SEL, id)>(former)(self, selector, event);
+  };
+  const auto note = [](void* number) { order.push_back(*static_cast<int*>(number)); };
+  int first = 1, third = 3;
+  runLoop().postEvent(note, &first);
+  post([] { order.push_back(2); });
+  former = table.class_replaceMethod(application, sendEvent, reinterpret_cast<IMP>(hook), nullptr);
+  runLoop().postEvent(note, &third);
+  runLoop().drain();
+  EXPECT_THAT(order, ElementsAre(0, 1, 2, 0, 3));
 }
 
 TEST(LinuxRunLoop, SleepingLoopIsWokenByAPostFromAnotherThread) {

@@ -51,7 +51,7 @@ _quibvitalscope_run() {
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
     fi
   else
-    _quibvitalscope_words "--no-log --email --bundle-id --version --help --" "$current"
+    _quibvitalscope_words "--no-log --watch-run-loop --email --bundle-id --version --help --" "$current"
   fi
 }
 

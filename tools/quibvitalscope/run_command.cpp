@@ -18,6 +18,7 @@ namespace {
 
 struct Options {
   bool noLog = false;
+  bool watchRunLoop = false;
   std::optional<std::string> email;
   std::optional<std::string> bundleId;
   std::optional<std::string> version;
@@ -47,6 +48,8 @@ void setEnvironment(const Options& options, const std::string& library) {
   setVariable(control::kEmailVariable, options.email.value_or("someone@" QBV_MAIL_DOMAIN));
   setVariable(control::kBundleIdVariable, options.bundleId);
   setVariable(control::kVersionVariable, options.version);
+  setVariable(control::kWatchRunLoopVariable,
+              options.watchRunLoop ? std::optional<std::string>("1") : std::nullopt);
 }
 
 int execute(const std::string& path, std::vector<std::string> command) {
@@ -89,6 +92,10 @@ void addRunCommand(CLI::App& app, Context& context) {
       "below "
       "~/Library/Logs/quibapp/Diagnostic/PID. Children of the program are not monitored.");
   sub->add_flag("--no-log", options->noLog, "Behave as a build that keeps no logs: only hangs are watched");
+  sub->add_flag(
+      "--watch-run-loop", options->watchRunLoop,
+      "Log the main thread's stack while a pass of the main loop or an event lasts more than 2 seconds, "
+      "or the program uses more than 70 percent of a core");
   sub->add_option("--email", options->email,
                   "E-mail of the signed-in user; monitored are only users of " QBV_MAIL_DOMAIN
                   " (default: someone@" QBV_MAIL_DOMAIN ")");

@@ -4,6 +4,7 @@
 #include "vitalscope/control/QBVitalscope.h"
 #include "vitalscope/dashboard/QBVitalscopeDashboard.h"
 #include "vitalscope/hang/QBVitalscopeANRMonitor.h"
+#include "vitalscope/hang/QBVitalscopeANRMonitor_RunLoop.h"
 #include "vitalscope/memory/QBAllocateMemoryMonitor.h"
 #include "vitalscope/memory/QBObjectAllocMonitor.h"
 #include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
@@ -62,6 +63,7 @@ void load() {
   QBVitalscope::load();
   QBVitalscopeBacktrace::load();
   NSObject_AllocMonitor::load();
+  QBVitalscopeANRMonitor_RunLoop::load();
 }
 
 }  // namespace qbv

@@ -58,6 +58,11 @@ void myRunLoopEndCallback(CFRunLoopObserverRef, CFRunLoopActivity activity, void
   }
 }
 
+qbv::id sharedObject(qbv::id self, qbv::SEL) {
+  static const qbv::id instance = platform().runtime.createInstance(reinterpret_cast<qbv::Class>(self));
+  return instance;
+}
+
 bool isEarlier(TimeValue one, TimeValue other) {
   return std::tie(one.tv_sec, one.tv_usec) < std::tie(other.tv_sec, other.tv_usec);
 }
@@ -71,6 +76,13 @@ QBVitalscopeANRMonitor_RunLoop* QBVitalscopeANRMonitor_RunLoop::sharedInstance()
 
 QBVitalscopeANRMonitor_RunLoop::QBVitalscopeANRMonitor_RunLoop() = default;
 QBVitalscopeANRMonitor_RunLoop::~QBVitalscopeANRMonitor_RunLoop() = default;
+
+void QBVitalscopeANRMonitor_RunLoop::load() {
+  qbv::ClassDefinition(platform().runtime, "QBVitalscopeANRMonitor_RunLoop")
+      .classMethod("sharedInstance", sharedObject)
+      .method(
+          "start", +[](qbv::id, qbv::SEL) { sharedInstance()->start(); });
+}
 
 void QBVitalscopeANRMonitor_RunLoop::start() {
   addRunLoopObserver();

@@ -28,6 +28,10 @@ class QBV_EXPORT QBVitalscopeANRMonitor_RunLoop {
   QBVitalscopeANRMonitor_RunLoop(const QBVitalscopeANRMonitor_RunLoop&) = delete;
   QBVitalscopeANRMonitor_RunLoop& operator=(const QBVitalscopeANRMonitor_RunLoop&) = delete;
 
+  // Defines the run-time class of this name, by which a host that is not linked with this library reaches
+  // the class message "sharedInstance" and its "start". Once, at load.
+  static void load();
+
   // Main thread, once: a second call adds a second pair of observers and a second thread. On another thread
   // no loop is observed. There is no way to stop it.
   void start();
