@@ -165,11 +165,12 @@ TEST_F(CommandLine, TellsWhyAProgramCannotBeMonitored) {
 TEST_F(CommandLine, BecomesTheProgram) {
   if (!kPreload) GTEST_SKIP() << "the library cannot be preloaded in this build";
   const std::string print =
-      "echo $QUIBVITALSCOPE_TARGET=$$ $QUIBVITALSCOPE_LOG $QUIBVITALSCOPE_VERSION \"$@\"; exit 7";
-  const Outcome outcome =
-      command({"run", "--no-log", "--version", "4 2", "sh", "-c", print, "sh", "--", "-x", "a b"});
+      "echo $QUIBVITALSCOPE_TARGET=$$ $QUIBVITALSCOPE_LOG $QUIBVITALSCOPE_WATCH_RUN_LOOP "
+      "$QUIBVITALSCOPE_VERSION \"$@\"; exit 7";
+  const Outcome outcome = command({"run", "--no-log", "--watch-run-loop", "--version", "4 2", "sh", "-c",
+                                   print, "sh", "--", "-x", "a b"});
   EXPECT_EQ(outcome.code, 7);
-  EXPECT_THAT(outcome.out, testing::MatchesRegex("([0-9]+)=[0-9]+ 0 4 2 -- -x a b\n"));
+  EXPECT_THAT(outcome.out, testing::MatchesRegex("([0-9]+)=[0-9]+ 0 1 4 2 -- -x a b\n"));
   const auto equals = outcome.out.find('=');
   EXPECT_EQ(outcome.out.substr(0, equals), outcome.out.substr(equals + 1, equals)) << "another process id";
 
