@@ -57,6 +57,24 @@ void passThatRunsABlock(benchmark::State& state) {
   }
 }
 
+// With two observers of everything, each reading the clock where the run-loop monitor's do. Last: observers
+// stay.
+void passWatched(benchmark::State& state) {
+  static constexpr auto look = [](qbv::CFRunLoopObserverRef, qbv::CFRunLoopActivity activity, void*) {
+    if ((activity & (qbv::kCFRunLoopAfterWaiting | qbv::kCFRunLoopBeforeWaiting | qbv::kCFRunLoopExit)) != 0)
+      benchmark::DoNotOptimize(qbv::platform().clock.gettimeofday());
+  };
+  static const bool added = [] {
+    for (const std::int64_t order : {-1, 1})
+      runLoop().CFRunLoopAddObserver(
+          runLoop().CFRunLoopObserverCreate(qbv::kCFRunLoopAllActivities, true, order, look, nullptr),
+          qbv::kCFRunLoopCommonModes);
+    return true;
+  }();
+  benchmark::DoNotOptimize(added);
+  passWithUs(state);
+}
+
 // As a tick of the hang monitor asks, when the loop is there and when it is looked for.
 void askForTheLoop(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(runLoop().mainLoopSeen());
@@ -65,6 +83,7 @@ void askForTheLoop(benchmark::State& state) {
 BENCHMARK(passWithoutUs)->Arg(2)->Arg(10);
 BENCHMARK(passWithUs)->Arg(2)->Arg(10);
 BENCHMARK(passThatRunsABlock);
+BENCHMARK(passWatched)->Arg(10);
 BENCHMARK(askForTheLoop);
 
 }  // namespace

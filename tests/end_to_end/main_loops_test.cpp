@@ -16,6 +16,8 @@ namespace {
 namespace fs = std::filesystem;
 using e2e::HostProcess;
 using e2e::TemporaryFolder;
+using testing::AllOf;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
@@ -38,6 +40,15 @@ class MainLoops : public testing::Test {
     return std::make_unique<HostProcess>(executable, arguments, home_.path(), all);
   }
   Host startPython(const std::string& kind) { return start(kPython, {QBV_PYTHON_HOST, kind}); }
+
+  // With the run-loop monitor, and its standard error in a file.
+  Host startWatched(const std::vector<std::string>& arguments, const std::string& log) {
+    std::vector<std::string> words{"-c", "exec \"$0\" \"$@\" 2> " + (home_.path() / log).string(), kPython,
+                                   QBV_PYTHON_HOST};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return start("/bin/sh", words, {"QUIBVITALSCOPE_WATCH_RUN_LOOP=1"});
+  }
+  std::string logOf(const std::string& name) const { return e2e::contentOf(home_.path() / name); }
 
   bool hasDisplay() {
     display_ = std::make_unique<e2e::VirtualDisplay>();
@@ -126,6 +137,32 @@ TEST_F(MainLoops, QtIsWatchedWhereItsDispatcherRunsOnGlib) {
   EXPECT_EQ(withoutGlib->exitStatus(), 0);
 }
 #endif
+
+// An event's handler blocks: where GTK itself handles the events they go through the hook, a host that
+// handles its own keeps doing so, and the loop is watched in both.
+TEST_F(MainLoops, RunLoopMonitorSeesWhatBlocksAnEventOfGtk) {
+  if (!hasDisplay()) GTEST_SKIP() << "package xvfb is missing";
+  if (!pythonHas("Gtk', '3.0")) GTEST_SKIP() << "package gir1.2-gtk-3.0 is missing";
+  const Host gtks = startWatched({"gtk"}, "gtk.log");
+  const Host own = startWatched({"gtk", "own-handler"}, "own.log");
+  for (const Host* host : {&gtks, &own}) (*host)->tell({"turn 3", "event 5", "turn 1"});
+  for (const Host* host : {&gtks, &own}) ASSERT_TRUE((*host)->finished());
+  for (const char* log : {"gtk.log", "own.log"})
+    EXPECT_THAT(logOf(log), AllOf(HasSubstr("QBKorvaneANRMonitor_RunLoop: \n"), HasSubstr("nanosleep"),
+                                  HasSubstr("gtk_main_do_event")));
+  EXPECT_THAT(logOf("gtk.log"), HasSubstr("qbv_sendEvent"));
+  EXPECT_THAT(logOf("own.log"), AllOf(HasSubstr("own handler"), Not(HasSubstr("qbv_sendEvent"))));
+
+  for (const Host* host : {&gtks, &own}) (*host)->tell({"turn 2"});
+  for (const Host* host : {&gtks, &own}) ASSERT_TRUE((*host)->finished());
+  const std::string before = logOf("gtk.log") + logOf("own.log");
+  for (const Host* host : {&gtks, &own}) (*host)->tell({"turn 4"});
+  for (const Host* host : {&gtks, &own}) {
+    ASSERT_TRUE((*host)->finished());
+    EXPECT_EQ((*host)->exitStatus(), 0);
+  }
+  EXPECT_EQ(logOf("gtk.log") + logOf("own.log"), before) << "idle";
+}
 
 // What a program without any loop gets from all this: nothing.
 TEST_F(MainLoops, ProgramWithoutALoopIsLeftAlone) {

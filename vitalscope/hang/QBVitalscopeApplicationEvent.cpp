@@ -2,6 +2,7 @@
 
 #include "vitalscope/hang/QBVitalscopeANRMonitor_RunLoop.h"
 #include "vitalscope/platform/dispatch.h"
+#include "vitalscope/platform/message.h"
 #include "vitalscope/platform/platform.h"
 
 using qbv::Class;
@@ -10,18 +11,17 @@ using qbv::Method;
 using qbv::platform;
 using qbv::Runtime;
 using qbv::SEL;
+using namespace qbv::literals;
 
 namespace {
-
-constexpr char kHook[] = "qbv_sendEvent:";
 
 // Answers whether events pass through the hook now.
 bool install(Runtime& runtime) {
   const Class application = runtime.NSClassFromString("NSApplication");
   const SEL dispatch = runtime.NSSelectorFromString("sendEvent:");
-  const SEL hookSelector = runtime.NSSelectorFromString(kHook);
+  const SEL hookSelector = runtime.NSSelectorFromString("qbv_sendEvent:");
   const Class own = qbv::ClassDefinition(runtime, "QBVitalscopeApplicationEvent")
-                        .method(kHook, QBVitalscopeApplicationEvent::qbv_sendEvent)
+                        .method("qbv_sendEvent:", QBVitalscopeApplicationEvent::qbv_sendEvent)
                         .cls();
   const Method former = runtime.class_getInstanceMethod(application, dispatch);
   const Method hook = runtime.class_getInstanceMethod(own, hookSelector);
@@ -50,11 +50,7 @@ void QBVitalscopeApplicationEvent::trySwizzle() {
 }
 
 void QBVitalscopeApplicationEvent::qbv_sendEvent(qbv::id self, SEL, qbv::id event) {
-  Runtime& runtime = platform().runtime;
   QBVitalscopeANRMonitor_RunLoop::signalEventStart();
-  const SEL applicationsOwn = runtime.NSSelectorFromString(kHook);
-  const IMP dispatch = runtime.methodForSelector(self, applicationsOwn, nullptr);
-  if (dispatch != nullptr)
-    reinterpret_cast<void (*)(qbv::id, SEL, qbv::id)>(dispatch)(self, applicationsOwn, event);
+  qbv::send(self, "qbv_sendEvent:"_sel, event);
   QBVitalscopeANRMonitor_RunLoop::signalEventEnd();
 }

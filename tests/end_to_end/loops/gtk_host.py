@@ -2,7 +2,9 @@
 
 Argument: "glib" (a plain GLib.MainLoop), "gtk" (Gtk.main with a window) or "application" (Gtk.Application). Commands
 come as lines on standard input, are obeyed in a callback of the loop and are answered with "done COMMAND":
-block SECONDS, turn SECONDS (a nested loop), dialog SECONDS (a modal dialog), exit.
+block SECONDS, turn SECONDS (a nested loop), dialog SECONDS (a modal dialog), event SECONDS (posts an event to the
+window, whose handler blocks so long), exit. With a second argument "own-handler" the application handles its events
+itself, hands them on to GTK, and says "own handler" on standard error when the posted one comes.
 """
 import sys
 import time
@@ -12,10 +14,27 @@ import gi
 kind = sys.argv[1]
 if kind != "glib":
     gi.require_version("Gtk", "3.0")
-    from gi.repository import Gtk
+    from gi.repository import Gdk, Gtk
 from gi.repository import GLib
 
 window = None
+
+
+def handle_event(event, *_data):
+    if event.type == Gdk.EventType.DELETE:
+        print("own handler", file=sys.stderr, flush=True)
+    Gtk.main_do_event(event)
+
+
+def post_event(seconds):
+    def close(_window, _event):
+        time.sleep(seconds)
+        return True
+
+    window.connect("delete-event", close)
+    event = Gdk.Event.new(Gdk.EventType.DELETE)
+    event.any.window = window.get_window()
+    event.put()
 
 
 def turn(seconds):
@@ -36,7 +55,7 @@ def obey(channel, _condition, leave):
     if not words or words[0] == "exit":
         leave()
         return False
-    {"block": time.sleep, "turn": turn, "dialog": show_dialog}[words[0]](float(words[1]))
+    {"block": time.sleep, "turn": turn, "dialog": show_dialog, "event": post_event}[words[0]](float(words[1]))
     print("done", *words, flush=True)
     return True
 
@@ -53,6 +72,8 @@ if kind == "glib":
 elif kind == "gtk":
     window = Gtk.Window()
     window.show_all()
+    if sys.argv[2:] == ["own-handler"]:
+        Gdk.Event.handler_set(handle_event, None)
     listen(Gtk.main_quit)
     Gtk.main()
 else:

@@ -5,8 +5,19 @@
 
 namespace qbv::linux_backend {
 
-// The observers of the main thread's loop, whichever it is. Never destroyed. Any thread.
-RunLoopObservers& loopObservers();
+namespace detail {
+union NeverDestroyed {
+  constexpr NeverDestroyed() : observers() {}
+  ~NeverDestroyed() {}
+  RunLoopObservers observers;
+};
+inline constinit NeverDestroyed loopObservers;
+}  // namespace detail
+
+// The observers of the main thread's loop, whichever it is. Any thread.
+inline RunLoopObservers& loopObservers() noexcept {
+  return detail::loopObservers.observers;
+}
 
 // Main thread, inside its loop. One load while nobody observes.
 inline void tellActivity(CFRunLoopActivity activity) {

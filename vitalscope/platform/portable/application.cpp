@@ -1,9 +1,11 @@
 #include "vitalscope/platform/portable/application.h"
 
+#include "vitalscope/platform/message.h"
 #include "vitalscope/platform/platform.h"
-#include "vitalscope/platform/portable/class_table.h"
 
 namespace qbv {
+
+using namespace literals;
 
 namespace {
 
@@ -14,21 +16,13 @@ struct EventObject {
   void* context;
 };
 
-template <class... Args>
-bool sendPlain(Runtime& runtime, id receiver, SEL selector, Args... args) {
-  const IMP method = runtime.methodForSelector(receiver, selector, nullptr);
-  if (method != nullptr) reinterpret_cast<void (*)(id, SEL, Args...)>(method)(receiver, selector, args...);
-  return method != nullptr;
-}
-
 void handleEvent(id self, SEL) {
   const auto& event = *reinterpret_cast<const EventObject*>(self);
   event.handle(event.context);
 }
 
 void dispatchEvent(id, SEL, id event) {
-  Runtime& runtime = platform().runtime;
-  sendPlain(runtime, event, runtime.NSSelectorFromString("handle"));
+  if (platform().runtime.respondsToSelector(event, "handle"_sel)) send(event, "handle"_sel);
 }
 
 id theApplication(id self, SEL) {
@@ -38,11 +32,9 @@ id theApplication(id self, SEL) {
 
 Class applicationClass(Runtime& runtime) {
   ClassDefinition application(runtime, "NSApplication");
-  const auto lacks = [&](Method method) { return method == nullptr; };
-  if (lacks(
-          runtime.class_getClassMethod(application.cls(), runtime.NSSelectorFromString("sharedApplication"))))
+  if (runtime.class_getClassMethod(application.cls(), "sharedApplication"_sel) == nullptr)
     application.classMethod("sharedApplication", theApplication);
-  if (lacks(runtime.class_getInstanceMethod(application.cls(), runtime.NSSelectorFromString("sendEvent:"))))
+  if (runtime.class_getInstanceMethod(application.cls(), "sendEvent:"_sel) == nullptr)
     application.method("sendEvent:", dispatchEvent);
   return application.cls();
 }
@@ -51,14 +43,16 @@ Class applicationClass(Runtime& runtime) {
 
 Application::Application(Runtime& runtime)
     : runtime_(runtime),
-      sendEvent_(runtime.NSSelectorFromString("sendEvent:")),
       class_(applicationClass(runtime)),
       eventClass_(ClassDefinition(runtime, "QBVEvent").method("handle", handleEvent).cls()) {}
 
 void Application::sendEvent(void (*handle)(void*), void* context) {
   EventObject event{{eventClass_}, handle, context};
   const id application = send<id>(runtime_, Runtime::classObject(class_), "sharedApplication");
-  if (!sendPlain(runtime_, application, sendEvent_, &event.object)) handle(context);
+  if (runtime_.respondsToSelector(application, "sendEvent:"_sel))
+    send(application, "sendEvent:"_sel, &event.object);
+  else
+    handle(context);
 }
 
 }  // namespace qbv

@@ -19,7 +19,6 @@ class QBV_EXPORT Application {
 
  private:
   Runtime& runtime_;
-  const SEL sendEvent_;
   const Class class_;
   const Class eventClass_;
 };

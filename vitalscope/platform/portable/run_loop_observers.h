@@ -11,7 +11,7 @@ namespace qbv {
 // Never destroyed while its loop turns.
 class QBV_EXPORT RunLoopObservers {
  public:
-  RunLoopObservers() = default;
+  constexpr RunLoopObservers() = default;
   ~RunLoopObservers();
   RunLoopObservers(const RunLoopObservers&) = delete;
   RunLoopObservers& operator=(const RunLoopObservers&) = delete;
