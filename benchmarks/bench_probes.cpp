@@ -1,4 +1,4 @@
-// What one look at CPU use and footprint costs.
+// What one look at CPU use, footprint, drives and battery costs.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,6 +7,8 @@
 
 #include "tests/probes/live_threads.h"
 #include "vitalscope/memory/QBVitalscopeMemoryMonitor.h"
+#include "vitalscope/probes/QBVBatteryMonitor.h"
+#include "vitalscope/probes/QBVIOMonitor.h"
 #include "vitalscope/probes/QBVitalscopeCPU.h"
 
 namespace {
@@ -18,6 +20,17 @@ void cpuUsageForApp(benchmark::State& state) {
 
 void memoryUsageInProgress(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(QBVitalscopeMemoryMonitor::memoryUsageInProgress());
+}
+
+void drives(benchmark::State& state) {
+  QBVIOMonitor* const monitor = QBVIOMonitor::sharedInstance();
+  monitor->start();  // its own samples come once a second
+  for (auto _ : state) monitor->fetchIOInfo();
+  monitor->stop();
+}
+
+void battery(benchmark::State& state) {
+  for (auto _ : state) QBVBatteryMonitor::sharedInstance()->handleBatteryMonitor();
 }
 
 // The kernel's own pages on the same subject: opened, read and closed, as a program without a probe would.
@@ -37,10 +50,17 @@ void smapsRollup(benchmark::State& state) {
   readPage(state, "/proc/self/smaps_rollup");
 }
 
+void diskstats(benchmark::State& state) {
+  readPage(state, "/proc/diskstats");
+}
+
 BENCHMARK(cpuUsageForApp)->Arg(10)->Arg(100)->Arg(500)->Unit(benchmark::kMicrosecond);
 BENCHMARK(memoryUsageInProgress);
 BENCHMARK(statm);
 BENCHMARK(smapsRollup);
+BENCHMARK(drives)->Unit(benchmark::kMicrosecond);
+BENCHMARK(diskstats)->Unit(benchmark::kMicrosecond);
+BENCHMARK(battery)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 
