@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -113,6 +114,36 @@ TEST_F(StandIn, SignsInAtTheFirstPassOfTheLoop) {
   EXPECT_TRUE(fs::exists(socket));
   EXPECT_EQ(host.exitStatus(), 0);
   EXPECT_FALSE(fs::exists(socket));
+}
+
+TEST_F(StandIn, RunLoopMonitorStartsOnRequestFromTheMainLoop) {
+  const auto watches = [](const HostProcess& host) {
+    return eventually([&] {
+      const std::vector<std::string> names = host.threadNames();
+      return std::ranges::count(names, "quib run loop") == 1;
+    });
+  };
+  HostProcess host = started();
+  loadLate(host);
+  host.tell({"turn 0.1"});
+  ASSERT_TRUE(host.finished());
+  ASSERT_TRUE(eventually([&] { return listens(host); }));
+  EXPECT_FALSE(status(host)[qbv::control::kWatchingRunLoop].boolValue());
+  EXPECT_THAT(host.threadNames(), testing::Not(testing::Contains("quib run loop")));
+  for (int time = 0; time < 2; ++time)
+    ASSERT_TRUE(post(host, qbv::control::kWatchRunLoopNotification)) << "the second changes nothing";
+  host.tell({"turn 0.1"});
+  ASSERT_TRUE(host.finished());
+  EXPECT_TRUE(watches(host));
+  EXPECT_TRUE(status(host)[qbv::control::kWatchingRunLoop].boolValue());
+
+  setenv("QUIBVITALSCOPE_WATCH_RUN_LOOP", "1", 1);
+  HostProcess fromSignInOn = started();
+  unsetenv("QUIBVITALSCOPE_WATCH_RUN_LOOP");
+  loadLate(fromSignInOn);
+  fromSignInOn.tell({"turn 0.1"});
+  ASSERT_TRUE(fromSignInOn.finished());
+  EXPECT_TRUE(watches(fromSignInOn));
 }
 
 TEST_F(StandIn, LibraryLoadedLateOnAnotherThreadWatchesTheMainThread) {

@@ -1,6 +1,7 @@
 """An application of PyGObject that knows nothing of any monitor; GLib and GTK come to it by dlopen.
 
-Argument: "glib" (a plain GLib.MainLoop), "gtk" (Gtk.main with a window) or "application" (Gtk.Application). Commands
+Argument: "glib" (a plain GLib.MainLoop), "gtk" (Gtk.main with a window), "application" (Gtk.Application) or "late" (a
+plain GLib.MainLoop at first; the command gtk loads GTK and opens a window). Commands
 come as lines on standard input, are obeyed in a callback of the loop and are answered with "done COMMAND":
 block SECONDS, turn SECONDS (a nested loop), dialog SECONDS (a modal dialog), event SECONDS (posts an event to the
 window, whose handler blocks so long), exit. With a second argument "own-handler" the application handles its events
@@ -12,12 +13,23 @@ import time
 import gi
 
 kind = sys.argv[1]
-if kind != "glib":
-    gi.require_version("Gtk", "3.0")
-    from gi.repository import Gdk, Gtk
 from gi.repository import GLib
 
 window = None
+Gdk = Gtk = None
+
+
+def load_gtk():
+    global Gdk, Gtk
+    gi.require_version("Gtk", "3.0")
+    from gi.repository import Gdk, Gtk
+
+
+def open_window():
+    global window
+    load_gtk()
+    window = Gtk.Window()
+    window.show_all()
 
 
 def handle_event(event, *_data):
@@ -55,7 +67,10 @@ def obey(channel, _condition, leave):
     if not words or words[0] == "exit":
         leave()
         return False
-    {"block": time.sleep, "turn": turn, "dialog": show_dialog, "event": post_event}[words[0]](float(words[1]))
+    if words[0] == "gtk":
+        open_window()
+    else:
+        {"block": time.sleep, "turn": turn, "dialog": show_dialog, "event": post_event}[words[0]](float(words[1]))
     print("done", *words, flush=True)
     return True
 
@@ -65,18 +80,18 @@ def listen(leave):
     GLib.io_add_watch(channel, GLib.PRIORITY_DEFAULT, GLib.IOCondition.IN | GLib.IOCondition.HUP, obey, leave)
 
 
-if kind == "glib":
+if kind in ("glib", "late"):
     main_loop = GLib.MainLoop()
     listen(main_loop.quit)
     main_loop.run()
 elif kind == "gtk":
-    window = Gtk.Window()
-    window.show_all()
+    open_window()
     if sys.argv[2:] == ["own-handler"]:
         Gdk.Event.handler_set(handle_event, None)
     listen(Gtk.main_quit)
     Gtk.main()
 else:
+    load_gtk()
     application = Gtk.Application()
 
     def activate(_application):
