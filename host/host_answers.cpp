@@ -112,6 +112,16 @@ void setUploadHelper(UploadHelper helper) {
   ClassDefinition(platform().runtime, "QBCrashReportHelper").classMethod("sharedInstance", uploadHelper);
 }
 
+std::optional<std::string> uploadFolder() {
+  Runtime& runtime = platform().runtime;
+  const id report = Runtime::classObject(runtime.NSClassFromString("QBVitalscopeReport"));
+  const char* const root =
+      send<const char*>(runtime, send<id>(runtime, report, "sharedInstance"), "localLogFolderRootPath");
+  const char* const suffix = send<const char*>(runtime, report, "currentFirstLevelDirPath");
+  if (root == nullptr || suffix == nullptr) return std::nullopt;
+  return std::string(root) + suffix;
+}
+
 void setBundleValue(const std::string& key, const std::string& value) {
   platform().hostInfo.setInfoDictionaryValue(key, value);
 }

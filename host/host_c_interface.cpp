@@ -48,6 +48,13 @@ QBV_HOST_API void qbv_host_set_upload_helper(const char* (*upload)(void*, int),
   qbv::host::setUploadHelper(std::move(helper));
 }
 
+QBV_HOST_API const char* qbv_host_upload_folder() {
+  static thread_local std::string lent;
+  const auto folder = qbv::host::uploadFolder();
+  lent = folder.value_or("");
+  return folder ? lent.c_str() : nullptr;
+}
+
 QBV_HOST_API void qbv_host_set_bundle_value(const char* key, const char* value) {
   if (key != nullptr && value != nullptr) qbv::host::setBundleValue(key, value);
 }

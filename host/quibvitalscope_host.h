@@ -37,6 +37,9 @@ void qbv_host_answer_call_status(int64_t (*answer)(void* context), void* context
  * posted as "OnUploadFeedbackResult" for one of these ids; it may be NULL. */
 void qbv_host_set_upload_helper(const char* (*upload)(void* context, int user_upload),
                                 void (*feedback)(void* context, const char* json), void* context);
+/* The absolute path of the folder to upload: for `upload`, to ask while it runs. NULL when no monitor is
+ * loaded. The text is valid until the same thread asks again. */
+const char* qbv_host_upload_folder(void);
 
 /* Facts of the application: "CFBundleIdentifier", "CFBundleVersion", "CFBundleShortVersionString",
  * "CFBundleExecutable", "CFBundleName". Reports are made with the facts known when the user signs in. */

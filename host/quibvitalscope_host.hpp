@@ -20,6 +20,8 @@ struct UploadHelper {
   std::function<void(const std::string& json)> feedback;  // may be empty
 };
 QBV_EXPORT void setUploadHelper(UploadHelper helper);
+// The absolute path of the folder to upload, while `upload` runs; nothing when no monitor is loaded.
+QBV_EXPORT std::optional<std::string> uploadFolder();
 QBV_EXPORT void setBundleValue(const std::string& key, const std::string& value);
 QBV_EXPORT void post(const std::string& name, const Value& userInfo = {});
 // False when libquibvitalscope is not loaded.

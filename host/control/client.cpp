@@ -17,8 +17,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kPatience{10};
-
 bool waitFor(int descriptor, short events, Clock::time_point deadline) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
   pollfd entry{descriptor, events, 0};
@@ -59,7 +57,7 @@ Client::~Client() {
 }
 
 bool Client::sendLine(const std::string& line) {
-  const auto deadline = Clock::now() + kPatience;
+  const auto deadline = Clock::now() + patience_;
   std::size_t sent = 0;
   while (sent < line.size()) {
     const ssize_t count = linux_backend::retried([&] {
@@ -74,7 +72,7 @@ bool Client::sendLine(const std::string& line) {
 }
 
 std::optional<std::string> Client::readLine() {
-  const auto deadline = Clock::now() + kPatience;
+  const auto deadline = Clock::now() + patience_;
   char buffer[4096];
   for (std::size_t end = unread_.find('\n');; end = unread_.find('\n')) {
     if (end != std::string::npos) {

@@ -1,6 +1,7 @@
 // Talks to a monitored process through its control socket.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,10 +22,11 @@ class Client {
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  // Sends a dictionary and waits up to 10 seconds for the answer: a dictionary without "error". Nothing, with
-  // the reason in `error`, when the process refuses it, says nothing, or is gone; the connection is of no use
-  // after any of the last two.
+  // Sends a dictionary and waits for the answer, 10 seconds unless set otherwise: a dictionary without
+  // "error". Nothing, with the reason in `error`, when the process refuses it, says nothing, or is gone; the
+  // connection is of no use after any of the last two.
   std::optional<Value> request(const Value& message, std::string& error);
+  void setPatience(std::chrono::seconds patience) { patience_ = patience; }
   // The two requests there are.
   bool post(const std::string& name, const Value& userInfo, std::string& error);
   std::optional<Value> status(std::string& error);
@@ -35,6 +37,7 @@ class Client {
   std::optional<std::string> readLine();
 
   const int descriptor_;
+  std::chrono::seconds patience_{10};
   std::string unread_;
 };
 

@@ -21,6 +21,9 @@ inline constexpr char kVersionVariable[] = "QUIBVITALSCOPE_VERSION";     // defa
 inline constexpr char kWatchRunLoopVariable[] = "QUIBVITALSCOPE_WATCH_RUN_LOOP";  // "1": from sign-in on
 // Posted in a process under the stand-in host, it starts the run-loop monitor there.
 inline constexpr char kWatchRunLoopNotification[] = "quibvitalscope_watch_run_loop";
+// The user's consent to uploads: an absolute path or a command line; without either nothing is uploaded.
+inline constexpr char kUploadToVariable[] = "QUIBVITALSCOPE_UPLOAD_TO";
+inline constexpr char kUploadCommandVariable[] = "QUIBVITALSCOPE_UPLOAD_COMMAND";
 
 // A longer line is refused and its connection closed.
 inline constexpr std::size_t kMaximumMessageBytes = std::size_t{64} * 1024;
@@ -50,6 +53,8 @@ inline constexpr char kHangLevel[] = "hangLevel";                    // level of
 inline constexpr char kFindings[] = "findings";                      // ticks that found something
 inline constexpr char kHangs[] =
     "hangs";  // ticks per level: "light", "moderate", "heavier", "severe", "freeze"
+// Missing without the user's consent: "to" or "command", and the numbers "requested", "done", "failed".
+inline constexpr char kUploads[] = "uploads";
 inline constexpr char kCpuJumps[] = "cpuJumps";  // texts such as "85%", oldest first
 
 }  // namespace qbv::control

@@ -18,6 +18,8 @@ Settings settingsFrom(const std::function<const char*(const char* name)>& variab
   settings.bundleId = valueOr(control::kBundleIdVariable, executable);
   settings.version = valueOr(control::kVersionVariable, "0");
   settings.watchRunLoop = valueOr(control::kWatchRunLoopVariable, "0") == "1";
+  settings.uploads.command = valueOr(control::kUploadCommandVariable, "");
+  if (settings.uploads.command.empty()) settings.uploads.folder = valueOr(control::kUploadToVariable, "");
   return settings;
 }
 

@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+#include "host/standin/uploads.h"
+
 namespace qbv::standin {
 
 struct Settings {
@@ -12,6 +14,7 @@ struct Settings {
   std::string bundleId;
   std::string version;
   bool watchRunLoop = false;
+  UploadConsent uploads;
 };
 
 // `variable` answers null for a variable that is not set.

@@ -45,6 +45,10 @@ void StandIn::load(const Settings& settings) {
   loadedAt_ = platform().clock.monotonicNanoseconds();
   watchRunLoop_ = settings.watchRunLoop;
   giveAnswers(settings);
+  if (settings.uploads) {
+    uploads_ = new Uploads(settings.uploads);
+    uploads_->offer();
+  }
   observeHost();
   Dispatch& dispatch = platform().dispatch;
   dispatch.dispatch_async(dispatch.dispatch_get_main_queue(), [this] { signIn(); });

@@ -42,6 +42,7 @@ class StandIn {
   std::atomic<bool> watchRunLoop_{false};  // wanted from sign-in on
   std::atomic<bool> watchingRunLoop_{false};
   std::atomic<const char*> activitySource_{"always"};
+  Uploads* uploads_ = nullptr;  // null without consent; set at load, never destroyed
 };
 
 }  // namespace qbv::standin

@@ -60,6 +60,7 @@ Value StandIn::status() const {
                           {control::kMainLoopSeconds, sinceLoop},
                           {control::kWatchingRunLoop, watchingRunLoop_.load()},
                           {control::kDiagnosticFolder, diagnosticFolder()}};
+  if (uploads_ != nullptr) facts[control::kUploads] = uploads_->status();
   if (internal) addHangMonitor(facts);
   return facts;
 }

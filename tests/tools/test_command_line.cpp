@@ -190,6 +190,14 @@ TEST_F(CommandLine, TellsWhyNothingWasPosted) {
   expectRefused({"post", "2147483647", "name"}, 1, "there is no process 2147483647");
 }
 
+TEST_F(CommandLine, TellsWhyNothingWasDoneForTheUser) {
+  for (const char* const action : {"upload", "open", "leak-check"}) {
+    expectRefused({action}, 2, "PID is required");
+    expectRefused({action, "2147483647"}, 1, "there is no process 2147483647");
+  }
+  expectRefused({"run", "--upload-to", "a", "--upload-command", "b", "--", "true"}, 2, "--upload-to");
+}
+
 TEST_F(CommandLine, WatchesLineByLineWithoutATerminal) {
   const std::string self = std::to_string(getpid());
   place(self + "/freeze/light/quibapp_stuck_2026-11-16_16_44_12.hang", golden());
@@ -219,6 +227,52 @@ TEST_F(CommandLine, KnowsWhatTheMachineAllows) {
   const Outcome broken = command({"doctor"});
   EXPECT_EQ(broken.code, 1) << "no log folder can be made there";
   EXPECT_THAT(broken.out, HasSubstr("Something essential is missing."));
+}
+
+// What the program's user may ask for: nothing is uploaded without consent, and with it the road from the
+// hang to the outbox and back is gone by itself.
+TEST_F(CommandLine, UploadsOpensAndChecksForLeaks) {
+  if (!kPreload) GTEST_SKIP() << "the library cannot be preloaded in this build";
+  const fs::path opened = home_.path() / "opened";
+  script("xdg-open", "#!/bin/sh\necho \"$1\" >>'" + opened.string() + "'\n");
+  const char* const path = getenv("PATH");
+  const std::vector<std::string> variables = {"PATH=" + home_.path().string() + ":" + path, "DISPLAY=:99"};
+  HostProcess secretive(COMMAND, {"run", "--no-log", "--", HOST}, home_.path());
+  HostProcess host(COMMAND, {"run", "--upload-to", (home_.path() / "out box").string(), "--", HOST},
+                   home_.path(), variables);
+  secretive.tell({"turn 0.5"});
+  host.tell({"turn 6.5", "block 4", "turn 0.5"});
+  ASSERT_TRUE(secretive.finished());
+  const std::string other = std::to_string(secretive.pid());
+  ASSERT_TRUE(e2e::eventually([&] { return command({"post", other, "a note"}).code == 0; }));
+  expectRefused({"upload", other}, 1, "was started without --upload-to or --upload-command");
+  expectRefused({"open", other}, 1, "keeps no logs");
+  expectRefused({"leak-check", other}, 1, "keeps no logs");
+  EXPECT_EQ(secretive.exitStatus(), 0);
+
+  ASSERT_TRUE(host.finished());
+  const std::string pid = std::to_string(host.pid());
+  ASSERT_THAT(host.hangReports(), Not(IsEmpty()));
+  const fs::path outbox = home_.path() / "out box" / pid / "freeze";
+  const fs::path report = host.hangReports().front();
+  const fs::path copy = outbox / report.parent_path().filename() / report.filename();
+  EXPECT_TRUE(e2e::eventually([&] { return contentOf(copy) == contentOf(report); }))
+      << copy << " did not come by itself";
+
+  fs::remove_all(outbox);
+  const Outcome uploaded = command({"upload", pid});
+  EXPECT_EQ(uploaded.code, 0) << uploaded.errors;
+  EXPECT_THAT(uploaded.out, testing::ContainsRegex("^[1-9] folders? uploaded to .*/out box\n"));
+  EXPECT_EQ(contentOf(copy), contentOf(report));
+
+  EXPECT_EQ(command({"open", pid}).code, 0);
+  EXPECT_TRUE(e2e::eventually([&] { return contentOf(opened) == host.diagnosticRoot().string() + "\n"; }));
+
+  const Outcome checked = command({"leak-check", pid});
+  EXPECT_EQ(checked.code, 0) << checked.errors;
+  EXPECT_THAT(checked.out, HasSubstr("/leaks/quibapp_leaks_"));
+  EXPECT_NE(contentOf(fs::path(checked.out.substr(0, checked.out.find('\n')))), "");
+  expectRefused({"leak-check", pid}, 1, "at most once in six hours");
 }
 
 // The road from a program that knows nothing of the monitor to a readable report.

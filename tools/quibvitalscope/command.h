@@ -27,6 +27,9 @@ struct Context {
 void addRunCommand(CLI::App& app, Context& context);
 void addPostCommand(CLI::App& app, Context& context);
 void addDashboardCommand(CLI::App& app, Context& context);
+void addUploadCommand(CLI::App& app, Context& context);
+void addOpenCommand(CLI::App& app, Context& context);
+void addLeakCheckCommand(CLI::App& app, Context& context);
 void addReportsCommand(CLI::App& app, Context& context);
 void addShowCommand(CLI::App& app, Context& context);
 void addStacksCommand(CLI::App& app, Context& context);

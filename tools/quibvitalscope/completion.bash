@@ -30,7 +30,7 @@ _quibvitalscope_program_word() {
   for ((i = 2; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
       --) echo $((i + 1)); return ;;
-      --email | --bundle-id | --version) i=$((i + 1)) ;;
+      --email | --bundle-id | --version | --upload-to | --upload-command) i=$((i + 1)) ;;
       -*) ;;
       *) echo "$i"; return ;;
     esac
@@ -51,7 +51,7 @@ _quibvitalscope_run() {
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
     fi
   else
-    _quibvitalscope_words "--no-log --watch-run-loop --email --bundle-id --version --help --" "$current"
+    _quibvitalscope_words "--no-log --watch-run-loop --email --bundle-id --version --upload-to --upload-command --help --" "$current"
   fi
 }
 
@@ -59,7 +59,7 @@ _quibvitalscope() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   if [ "$COMP_CWORD" = 1 ]; then
-    _quibvitalscope_words "run post dashboard reports show stacks watch doctor --help --version" "$current"
+    _quibvitalscope_words "run post dashboard upload open leak-check reports show stacks watch doctor --help --version" "$current"
     return
   fi
   case ${COMP_WORDS[1]} in
@@ -72,6 +72,8 @@ _quibvitalscope() {
              quib_user_report_performance_log open_diagnostic_folder" "$current" ;;
       esac ;;
     dashboard) _quibvitalscope_words "$(_quibvitalscope_pids) --help" "$current" ;;
+    upload | leak-check) _quibvitalscope_words "$(_quibvitalscope_pids) --help" "$current" ;;
+    open) _quibvitalscope_words "$(_quibvitalscope_pids) --choose --help" "$current" ;;
     reports)
       if [ "$previous" = --pid ]; then
         _quibvitalscope_words "$(_quibvitalscope_report_pids)" "$current"

@@ -20,8 +20,9 @@ int fail(int exitCode, const std::string& sentence) {
 
 namespace {
 
-constexpr auto kCommands = {addRunCommand,  addPostCommand,   addDashboardCommand, addReportsCommand,
-                            addShowCommand, addStacksCommand, addWatchCommand,     addDoctorCommand};
+constexpr auto kCommands = {addRunCommand,    addPostCommand,      addDashboardCommand, addUploadCommand,
+                            addOpenCommand,   addLeakCheckCommand, addReportsCommand,   addShowCommand,
+                            addStacksCommand, addWatchCommand,     addDoctorCommand};
 
 int usageError(const CLI::App& app, const CLI::ParseError& error) {
   std::string command = "quibvitalscope";

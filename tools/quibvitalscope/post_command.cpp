@@ -1,13 +1,10 @@
 // post: posts a notification in a monitored process; dashboard: the one that shows or hides its dashboard.
-#include <signal.h>
-
-#include <cerrno>
 #include <memory>
 
-#include "host/control/client.h"
 #include "tools/quibvitalscope/command.h"
 #include "tools/quibvitalscope/help.h"
 #include "tools/quibvitalscope/post_values.h"
+#include "tools/quibvitalscope/process_link.h"
 
 namespace qbv::cli {
 namespace {
@@ -18,19 +15,11 @@ struct Options {
   std::vector<std::string> pairs;
 };
 
-// Empty when there is such a process and it is this user's.
-std::string processObstacle(int process) {
-  if (::kill(process, 0) == 0) return "";
-  const std::string id = std::to_string(process);
-  return errno == ESRCH ? "there is no process " + id : "process " + id + " is another user's";
-}
-
 int post(const Options& options) {
   std::string error;
   const auto userInfo = userInfoFrom(options.pairs, error);
   if (!userInfo) return fail(kExitUsage, error);
-  if (error = processObstacle(options.process); !error.empty()) return fail(kExitFailure, error);
-  const auto client = control::Client::connect(options.process, error);
+  const auto client = linkTo(options.process, error);
   if (!client || !client->post(options.name, *userInfo, error)) return fail(kExitFailure, error);
   return 0;
 }
@@ -44,7 +33,7 @@ void addPostCommand(CLI::App& app, Context& context) {
           "Posts a notification in a program that 'run' started, through its control socket, and waits until "
           "its observers "
           "have run. Only the same user may do that.");
-  sub->add_option("PID", options->process, "Process id of the program")->required()->check(processId());
+  addProcessArgument(*sub, options->process);
   sub->add_option("NAME", options->name, "Name of the notification")->required();
   sub->add_option("KEY=VALUE", options->pairs,
                   "Its user info: true, false, null, numbers and other JSON as such, anything else as text");
@@ -68,7 +57,7 @@ void addDashboardCommand(CLI::App& app, Context& context) {
   setHelp(*sub, "dashboard PID",
           "Shows the memory gauge of a program that 'run' started, or hides it: the same as posting "
           "performance_dashboard.");
-  sub->add_option("PID", options->process, "Process id of the program")->required()->check(processId());
+  addProcessArgument(*sub, options->process);
   sub->footer("Exit codes: 0 asked, 1 not asked (no such process, not monitored, another user's), 2 usage.");
   sub->callback([options, &context] { context.exitCode = post(*options); });
 }

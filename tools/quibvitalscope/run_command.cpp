@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -22,6 +23,8 @@ struct Options {
   std::optional<std::string> email;
   std::optional<std::string> bundleId;
   std::optional<std::string> version;
+  std::optional<std::string> uploadTo;
+  std::optional<std::string> uploadCommand;
 };
 
 std::vector<std::string> commandOf(const CLI::App& app, const Context& context) {
@@ -50,6 +53,16 @@ void setEnvironment(const Options& options, const std::string& library) {
   setVariable(control::kVersionVariable, options.version);
   setVariable(control::kWatchRunLoopVariable,
               options.watchRunLoop ? std::optional<std::string>("1") : std::nullopt);
+  setVariable(control::kUploadToVariable, options.uploadTo);
+  setVariable(control::kUploadCommandVariable, options.uploadCommand);
+}
+
+// The program may change its working directory.
+Options withAbsoluteOutbox(Options options) {
+  std::error_code error;
+  if (options.uploadTo)
+    options.uploadTo = std::filesystem::absolute(*options.uploadTo, error).lexically_normal();
+  return options;
 }
 
 int execute(const std::string& path, std::vector<std::string> command) {
@@ -75,7 +88,7 @@ int run(const Options& options, const std::vector<std::string>& command) {
   const auto program = findProgram(command.front(), path == nullptr ? "/usr/bin:/bin" : path, refusal);
   if (!program) return fail(refusal.exitCode, refusal.reason);
   if (const auto why = whyUnmonitored(*program)) return fail(why->exitCode, why->reason);
-  setEnvironment(options, library);
+  setEnvironment(withAbsoluteOutbox(options), library);
   return execute(*program, command);
 }
 
@@ -101,6 +114,15 @@ void addRunCommand(CLI::App& app, Context& context) {
                   " (default: someone@" QBV_MAIL_DOMAIN ")");
   sub->add_option("--bundle-id", options->bundleId, "Identifier in reports (default: the program's name)");
   sub->add_option("--version", options->version, "Version in reports (default: 0)");
+  auto* const uploadTo = sub->add_option("--upload-to", options->uploadTo,
+                                         "Allow uploads: copy the folders that are asked for into this one");
+  sub->add_option(
+         "--upload-command", options->uploadCommand,
+         "Allow uploads: run this shell command for each folder; it finds the path in UPLOAD_FOLDER, an id "
+         "in "
+         "UPLOAD_ID and in UPLOAD_BY_USER whether it was asked for once a minute or by a user (1) or after "
+         "a report (0)")
+      ->excludes(uploadTo);
   sub->prefix_command();
   sub->footer(
       "Exit codes: the program's own; 125 it cannot be monitored (statically linked, set-user-ID, 32-bit, "
@@ -108,7 +130,8 @@ void addRunCommand(CLI::App& app, Context& context) {
       "missing), 126 it cannot be executed, 127 it was not found, 2 usage.\n\n"
       "Examples:\n"
       "  quibvitalscope run -- gedit notes.txt\n"
-      "  quibvitalscope run --no-log --version 4.2 -- ./application --option");
+      "  quibvitalscope run --no-log --version 4.2 -- ./application --option\n"
+      "  quibvitalscope run --upload-to ~/outbox -- gedit");
   sub->callback([options, sub, &context] { context.exitCode = run(*options, commandOf(*sub, context)); });
 }
 
