@@ -16,10 +16,10 @@ namespace {
 
 using namespace literals;
 
-constexpr tests::SendEntries kEntries {
-  objc_msgSend,
+const tests::SendEntries kEntries {
+  reinterpret_cast<IMP>(objc_msgSend),
 #if defined(__x86_64__)
-      objc_msgSend_stret
+      reinterpret_cast<IMP>(objc_msgSend_stret)
 #else
       nullptr
 #endif
@@ -59,10 +59,11 @@ TEST_F(MessageSendTest, NilAnswersNothingOfEveryKind) {
   struct Pair {
     std::int64_t a, b;
   };
-  const auto pair = reinterpret_cast<Pair (*)(id, SEL, std::int64_t)>(objc_msgSend)(nullptr, "any"_sel, 7);
+  const auto pair = reinterpret_cast<Pair (*)(id, SEL, std::int64_t)>(
+      reinterpret_cast<qbv::IMP>(objc_msgSend))(nullptr, "any"_sel, 7);
   EXPECT_EQ(pair.a + pair.b, 0);
-  const auto complex = reinterpret_cast<std::complex<double> (*)(id, SEL, double, double)>(objc_msgSend)(
-      nullptr, "any"_sel, 1, 2);
+  const auto complex = reinterpret_cast<std::complex<double> (*)(id, SEL, double, double)>(
+      reinterpret_cast<qbv::IMP>(objc_msgSend))(nullptr, "any"_sel, 1, 2);
   EXPECT_EQ(complex, std::complex<double>());
 }
 

@@ -33,7 +33,8 @@ class HookFixture : public ::testing::Test {
 
   template <class R = void, class... Args>
   static R hooked(id receiver, SEL selector, Args... args) {
-    return reinterpret_cast<R (*)(id, SEL, Args...)>(hook_objc_msgSend)(receiver, selector, args...);
+    return reinterpret_cast<R (*)(id, SEL, Args...)>(reinterpret_cast<qbv::IMP>(hook_objc_msgSend))(
+        receiver, selector, args...);
   }
 
   static std::vector<dtp_call_record> recorded() {
@@ -42,7 +43,7 @@ class HookFixture : public ::testing::Test {
     return {first, first + count};
   }
   static int depthNow() {
-    return dtp_own_stack == nullptr ? 0 : dtp_own_stack->index + 1;
+    return dtp_own_stack->index() + 1;
   }
 
   ClassTable table;

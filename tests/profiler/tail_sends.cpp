@@ -6,7 +6,8 @@
 
 int sendOnInPlaceOfReturning(qbv::id self, qbv::SEL selector, int levels) {
   if (levels == 0) return 1000;
-  return reinterpret_cast<int (*)(qbv::id, qbv::SEL, int)>(hook_objc_msgSend)(self, selector, levels - 1);
+  return reinterpret_cast<int (*)(qbv::id, qbv::SEL, int)>(reinterpret_cast<qbv::IMP>(hook_objc_msgSend))(
+      self, selector, levels - 1);
 }
 
 int depthBelow(qbv::IMP entry, qbv::id receiver, qbv::SEL selector) {

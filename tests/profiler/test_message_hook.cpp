@@ -21,10 +21,10 @@ namespace {
 
 using namespace literals;
 
-constexpr tests::SendEntries kEntries {
-  hook_objc_msgSend,
+const tests::SendEntries kEntries {
+  reinterpret_cast<IMP>(hook_objc_msgSend),
 #if defined(__x86_64__)
-      hook_objc_msgSend_stret
+      reinterpret_cast<IMP>(hook_objc_msgSend_stret)
 #else
       nullptr
 #endif
@@ -86,7 +86,7 @@ int throwFromBelow(id self, SEL selector, int levels) {
   const Witness witness;
   std::string text(static_cast<std::size_t>(levels + 50), 'x');  // in registers and on the stack
   if (levels == 0) throw std::runtime_error("from below");
-  const auto next = reinterpret_cast<int (*)(id, SEL, int)>(hook_objc_msgSend);
+  const auto next = reinterpret_cast<int (*)(id, SEL, int)>(reinterpret_cast<qbv::IMP>(hook_objc_msgSend));
   if (levels % 3 == 1) {
     try {
       return next(self, selector, levels - 1) + static_cast<int>(text.size());
@@ -118,7 +118,9 @@ TEST_F(MessageHookTest, ExceptionsPassAndRunEveryDestructor) {
 int leaveThread(id self, SEL selector, int levels) {
   const Witness witness;
   if (levels == 0) pthread_exit(nullptr);
-  return reinterpret_cast<int (*)(id, SEL, int)>(hook_objc_msgSend)(self, selector, levels - 1) + 1;
+  return reinterpret_cast<int (*)(id, SEL, int)>(reinterpret_cast<qbv::IMP>(hook_objc_msgSend))(
+             self, selector, levels - 1) +
+         1;
 }
 
 TEST_F(MessageHookTest, AThreadMayEndInsideASend) {
@@ -130,12 +132,15 @@ TEST_F(MessageHookTest, AThreadMayEndInsideASend) {
 jmp_buf jumpBack;
 int jumpFromBelow(id self, SEL selector, int levels) {
   if (levels == 0) longjmp(jumpBack, 1);
-  return reinterpret_cast<int (*)(id, SEL, int)>(hook_objc_msgSend)(self, selector, levels - 1) + 1;
+  return reinterpret_cast<int (*)(id, SEL, int)>(reinterpret_cast<qbv::IMP>(hook_objc_msgSend))(
+             self, selector, levels - 1) +
+         1;
 }
 // Lets a send below it be left by a jump to itself, and sends on.
 int surviveJump(id self, SEL, int levels) {
   if (setjmp(jumpBack) == 0)
-    reinterpret_cast<int (*)(id, SEL, int)>(hook_objc_msgSend)(self, "jump:"_sel, levels);
+    reinterpret_cast<int (*)(id, SEL, int)>(reinterpret_cast<qbv::IMP>(hook_objc_msgSend))(self, "jump:"_sel,
+                                                                                           levels);
   return depthBelow(reinterpret_cast<IMP>(hook_objc_msgSend), self, "depth"_sel);
 }
 
@@ -143,7 +148,7 @@ TEST_F(MessageHookTest, WhatALongjmpLeavesBehindIsDropped) {
   const id object = objectWith("jump:", jumpFromBelow);
   objectWith("survive:", surviveJump);
   objectWith(
-      "depth", +[](id, SEL) { return static_cast<int>(dtp_own_stack->index); });
+      "depth", +[](id, SEL) { return static_cast<int>(dtp_own_stack->index()); });
   for (int round = 0; round < 300; ++round) {
     if (setjmp(jumpBack) == 0) hooked<int>(object, "jump:"_sel, 7);
     // What was left higher up on the stack than the next send is found out only when that one's caller
@@ -217,9 +222,9 @@ TEST_F(MessageHookTest, NilAndUnknownSelectorsAreAsWithoutTheHook) {
 
 #if !defined(QBV_SANITIZED)
 int down(id self, SEL selector, int levels) {
-  return levels == 0
-             ? 0
-             : 1 + reinterpret_cast<int (*)(id, SEL, int)>(hook_objc_msgSend)(self, selector, levels - 1);
+  return levels == 0 ? 0
+                     : 1 + reinterpret_cast<int (*)(id, SEL, int)>(
+                               reinterpret_cast<qbv::IMP>(hook_objc_msgSend))(self, selector, levels - 1);
 }
 
 TEST_F(MessageHookTest, SendsDeeperThanTheStackCanGrowReturnAllTheSame) {
@@ -249,10 +254,10 @@ TEST_F(MessageHookTest, SendsGoOnWithoutMemory) {
   std::thread thread([&] {
     limited.wait();
     withoutMemory = hooked<int>(object, "down:"_sel, 10);
-    EXPECT_EQ(dtp_own_stack, nullptr);
+    EXPECT_EQ(dtp_own_stack, &dtp_no_stack);
     setrlimit(RLIMIT_AS, &usual);
     withMemory = hooked<int>(object, "down:"_sel, 10);
-    EXPECT_NE(dtp_own_stack, nullptr);
+    EXPECT_NE(dtp_own_stack, &dtp_no_stack);
   });
   send<int>(object, "down:"_sel, 1);  // into the cache
   const rlimit tight{1, usual.rlim_max};

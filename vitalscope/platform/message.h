@@ -60,10 +60,10 @@ R send(id receiver, SEL selector, Args... args) {
   using Function = R (*)(id, SEL, Args...);
 #if defined(__x86_64__)
   if constexpr (detail::returnedInMemory<R>())
-    return reinterpret_cast<Function>(objc_msgSend_stret)(receiver, selector, args...);
+    return reinterpret_cast<Function>(reinterpret_cast<IMP>(objc_msgSend_stret))(receiver, selector, args...);
   else
 #endif
-    return reinterpret_cast<Function>(objc_msgSend)(receiver, selector, args...);
+    return reinterpret_cast<Function>(reinterpret_cast<IMP>(objc_msgSend))(receiver, selector, args...);
 }
 
 }  // namespace qbv

@@ -58,10 +58,10 @@ QBV_EXPORT void* after_objc_msgSend();
 
 // To be called like objc_msgSend, and with the same results. They expect the functions they stand for in
 // these variables. A send has to return on the thread that it was begun on.
-QBV_EXPORT void hook_objc_msgSend();
+QBV_EXPORT qbv::id hook_objc_msgSend(qbv::id receiver, qbv::SEL selector, ...);
 extern QBV_EXPORT void* orig_objc_msgSend;
 #if defined(__x86_64__)
-QBV_EXPORT void hook_objc_msgSend_stret();
+QBV_EXPORT void hook_objc_msgSend_stret(void* result, qbv::id receiver, qbv::SEL selector, ...);
 extern QBV_EXPORT void* orig_objc_msgSend_stret;
 #endif
 

@@ -12,7 +12,8 @@ void* orig_objc_msgSend_stret = nullptr;
 
 namespace {
 
-void rebind(const char* name, void (*replacement)(), void** replaced) {
+template <class Function>
+void rebind(const char* name, Function* replacement, void** replaced) {
   const qb_rebinding request{name, reinterpret_cast<void*>(replacement), replaced};
   qb_rebind_symbols(&request);
 }

@@ -3,6 +3,7 @@
 #include <new>
 #include <thread>
 
+#include "vitalscope/platform/moved_returns.h"
 #include "vitalscope/profiler/message_hook_records.h"
 #include "vitalscope/profiler/message_hook_state.h"
 
@@ -11,11 +12,17 @@ namespace qbv::message_hook {
 namespace {
 
 constexpr std::size_t kPage = 4096;
+#if defined(__x86_64__)
+constexpr std::uint64_t kEntryRegister = 3;  // rbx
+#else
+constexpr std::uint64_t kEntryRegister = 19;  // x19
+#endif
 constexpr std::size_t kReserved = kPage + kMostEntries * sizeof(dtp_stack_entry);
 static_assert(sizeof(dtp_thread_call_stack) + sizeof(dtp_stack_entry) <= kPage);
 
 void giveBack(void* stack) {
-  dtp_own_stack = nullptr;
+  dtp_own_stack = &dtp_no_stack;
+  setMovedReturns(nullptr);
   releasePages(stack, kReserved);
 }
 
@@ -23,6 +30,15 @@ void giveBack(void* stack) {
 const ThreadKey& stackKey() {
   static const ThreadKey key(giveBack);
   return key;
+}
+
+// Without memory for that, captures end at the first hooked send.
+void tellWhereReturnsAre(const dtp_thread_call_stack& stack) {
+  const auto address = [](const void* at) { return reinterpret_cast<std::uint64_t>(at); };
+  const MovedReturns returns{address(dtp_return_point), kEntryRegister,
+                             address(stack.entries),    kMostEntries,
+                             address(&stack.top),       address(&stack.sends)};
+  setMovedReturns(&returns);
 }
 
 // The stack, the guard at the end of its page, then the entries.
@@ -36,7 +52,10 @@ dtp_thread_call_stack* makeStack() {
   }
   auto* const entries = reinterpret_cast<dtp_stack_entry*>(base + kPage);
   entries[-1].position = kNoPosition;
-  return new (base) dtp_thread_call_stack{entries, kFirstCapacity, -1, 0, isMainThread(), stackOfThread()};
+  auto* const stack = new (base) dtp_thread_call_stack{
+      entries - 1, entries + kFirstCapacity, 0, isMainThread(), entries, kFirstCapacity, stackOfThread()};
+  tellWhereReturnsAre(*stack);
+  return stack;
 }
 
 bool grow(dtp_thread_call_stack& stack) {
@@ -44,6 +63,7 @@ bool grow(dtp_thread_call_stack& stack) {
   if (!commitPages(stack.entries + stack.capacity + kCapacityStep, kCapacityStep * sizeof(dtp_stack_entry)))
     return false;
   stack.capacity += kCapacityStep;
+  stack.end = stack.entries + stack.capacity;
   return true;
 }
 
@@ -79,7 +99,7 @@ bool Records::makeRoom() {
 }
 
 void Records::awaitQuiet() {
-  const bool isAdder = dtp_own_stack != nullptr && dtp_own_stack->isMainThread;
+  const bool isAdder = dtp_own_stack->isMainThread;
   while (!isAdder && adding_.load()) std::this_thread::yield();
 }
 
@@ -107,10 +127,11 @@ void* dtp_make_room(void*, void*) {
   if (making) return nullptr;
   making = true;
   dtp_thread_call_stack* stack = dtp_own_stack;
-  if (stack == nullptr) {
+  if (stack == &dtp_no_stack) {
     TimeOfDayFunction* none = nullptr;
     settings.clock.compare_exchange_strong(none, timeOfDayFunction());
-    dtp_own_stack = stack = makeStack();
+    stack = makeStack();
+    if (stack != nullptr) dtp_own_stack = stack;
   } else if (!grow(*stack)) {
     stack = nullptr;
   }

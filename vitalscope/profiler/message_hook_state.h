@@ -32,18 +32,26 @@ struct Settings {
 
 extern "C" {
 
-// One per thread, at the beginning of the range of addresses in which its entries grow. entries[-1] exists: a
-// guard with kNoPosition.
+// One per thread, at the beginning of the range of addresses in which its entries grow. Before the first
+// entry stands a guard with kNoPosition.
 struct dtp_thread_call_stack {
-  dtp_stack_entry* entries;         // never moves
-  std::int32_t capacity;            // counted; there is room for kCapacityStep more
-  std::atomic<std::int32_t> index;  // of the innermost send, which is its depth; -1: none
-  std::uint64_t sends;              // ever noted
+  std::atomic<dtp_stack_entry*> top;  // the innermost send; the guard when there is none
+  dtp_stack_entry* end;               // of the entries that there is room for: entries + capacity
+  std::uint64_t sends;                // ever noted
   bool isMainThread;
+  dtp_stack_entry* entries;  // never moves
+  std::int32_t capacity;     // counted; there is room for kCapacityStep more
   qbv::AddressSpan machineStack;
+
+  // Depth of the innermost send; -1 when there is none.
+  std::int32_t index() const {
+    return static_cast<std::int32_t>(top.load(std::memory_order_relaxed) - entries);
+  }
 };
 
-// The calling thread's; null before its first send.
+// What threads have before their first send: no entries and no room.
+[[gnu::visibility("hidden")]] extern constinit dtp_thread_call_stack dtp_no_stack;
+// The calling thread's. Never null.
 extern constinit thread_local dtp_thread_call_stack* dtp_own_stack
     [[gnu::tls_model("initial-exec"), gnu::visibility("hidden")]];
 
@@ -52,10 +60,18 @@ extern constinit thread_local dtp_thread_call_stack* dtp_own_stack
 // Adds a record of the entry, the innermost, with a cost in microseconds. Main thread.
 [[gnu::visibility("hidden")]] void* dtp_append_record(void* entry, void* cost);
 
-// For the trampoline. The new innermost entry lies on top of others that are no longer in flight, left behind
-// by a longjmp: drops those. Answers where the entry is now.
-[[gnu::visibility("hidden")]] dtp_stack_entry* dtp_drop_passed(dtp_stack_entry* entry);
+// Where the real send returns to: stands on the machine stack in place of the caller's address.
+[[gnu::visibility("hidden")]] extern const char dtp_return_point[];
+
+// For the trampoline.
+// Notes a send; null without memory. Drops entries whose sends are no longer in flight: a longjmp has left
+// them behind below this position.
+[[gnu::visibility("hidden")]] dtp_stack_entry* dtp_begin_send(qbv::id receiver, qbv::SEL selector,
+                                                              void* returnAddress, std::uintptr_t position);
+// The innermost send of the thread's own stack is over. Answers its return address.
+[[gnu::visibility("hidden")]] void* dtp_end_send(dtp_thread_call_stack* stack, dtp_stack_entry* top);
 // The entry's send returns although it is not the innermost: because of a longjmp, or since several stacks
-// take turns on this thread. Makes it the innermost and answers true, or takes note that it is over.
-[[gnu::visibility("hidden")]] bool dtp_return_below(dtp_stack_entry* entry);
+// take turns on this thread. Makes it the innermost and answers its stack, or takes note that it is over and
+// answers null.
+[[gnu::visibility("hidden")]] dtp_thread_call_stack* dtp_return_below(dtp_stack_entry* entry);
 }

@@ -7,16 +7,13 @@
 #define RETURN_ADDRESS 32               // dtp_stack_entry
 #define SAVED_REGISTER 40
 #define POSITION 48
-#define ENTRY_SHIFT 6
-#define ENTRY_BYTES 64
-#define ENTRIES 0                       // dtp_thread_call_stack
-#define INDEX 12
+#define TOP 0                           // dtp_thread_call_stack
 
 // Position of the first send from a stack pointer. Tail calls of it go down to +9.
 #define FIRST_POSITION 15
 #define POSITION_BITS 7
 
-        .hidden dtp_before, dtp_after, dtp_drop_passed, dtp_return_below, dtp_own_stack
+        .hidden dtp_begin_send, dtp_end_send, dtp_return_below, dtp_own_stack
 
         // x0 to x7, the place of a large result, and a frame record.
 #define ARGUMENT_FRAME 96
@@ -71,22 +68,17 @@
         .macro  note_send tail, unnoted
         push_arguments
         mov     x2, x30
-        bl      dtp_before
+        .if     \tail
+        ldr     x3, [x19, #POSITION]    // of the send whose method ended with this one
+        sub     x3, x3, #1
+        .else
+        add     x3, sp, #(ARGUMENT_FRAME + FIRST_POSITION)
+        .endif
+        bl      dtp_begin_send
         .cfi_remember_state
         cbz     x0, \unnoted
-        .if     \tail
-        ldr     x9, [x19, #POSITION]    // of the send whose method ended with this one
-        sub     x9, x9, #1
-        .else
-        add     x9, sp, #(ARGUMENT_FRAME + FIRST_POSITION)
-        .endif
-        str     x9, [x0, #POSITION]
         str     x19, [x0, #SAVED_REGISTER]
-        ldur    x10, [x0, #(POSITION - ENTRY_BYTES)]
-        cmp     x10, x9
-        b.hi    9f
-        bl      dtp_drop_passed         // what lies below it was left there by a longjmp
-9:      mov     x19, x0
+        mov     x19, x0
         cfi_register_in_entry
         pop_arguments
         .endm
@@ -109,6 +101,9 @@ hook_objc_msgSend:
 .Lsend: real_send x16
         cfi_all_in_entry
 .Lcall: blr     x16
+        .globl  dtp_return_point
+        .hidden dtp_return_point
+dtp_return_point:
 .Lreturned:
         ldr     x30, [x19, #RETURN_ADDRESS]
         cfi_on_stack
@@ -126,16 +121,13 @@ hook_objc_msgSend:
         mrs     x9, tpidr_el0
         adrp    x10, :gottprel:dtp_own_stack
         ldr     x10, [x10, :gottprel_lo12:dtp_own_stack]
-        ldr     x9, [x9, x10]
+        ldr     x0, [x9, x10]
+        ldr     x9, [x0, #TOP]
+        cmp     x9, x19
         .cfi_remember_state
-        cbz     x9, .Lbelow
-        ldrsw   x11, [x9, #INDEX]
-        ldr     x10, [x9, #ENTRIES]
-        add     x10, x10, x11, lsl #ENTRY_SHIFT
-        cmp     x10, x19
         b.ne    .Lbelow
-.Lafter:
-        bl      dtp_after
+.Lend:  mov     x1, x19
+        bl      dtp_end_send
         str     x0, [sp, #8]
 .Lback: ldr     x19, [sp, #40]
         .cfi_restore x19
@@ -152,7 +144,7 @@ hook_objc_msgSend:
         .cfi_restore_state
         mov     x0, x19
         bl      dtp_return_below
-        tbnz    w0, #0, .Lafter
+        cbnz    x0, .Lend
         b       .Lback
 
         // An exception passes, and is in x0; the rest is as at .Lreturned. Goes on from a frame with the same
@@ -174,8 +166,9 @@ hook_objc_msgSend:
         .cfi_offset x19, 40 - RESULT_FRAME
         mov     x0, x19
         bl      dtp_return_below        // as a rule it is the innermost
-        tbz     w0, #0, 1f
-        bl      dtp_after
+        cbz     x0, 1f
+        mov     x1, x19
+        bl      dtp_end_send
 1:      ldr     x19, [sp, #40]
         .cfi_restore x19
         ldr     x0, [sp, #16]

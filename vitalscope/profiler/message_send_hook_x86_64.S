@@ -17,15 +17,13 @@
 #define RETURN_ADDRESS 32               // dtp_stack_entry
 #define SAVED_REGISTER 40
 #define POSITION 48
-#define ENTRY_SHIFT 6
-#define ENTRIES 0                       // dtp_thread_call_stack
-#define INDEX 12
+#define TOP 0                           // dtp_thread_call_stack
 
 // Position of the first send whose return address is at a place on the stack. Tail calls of it go down to +1.
 #define FIRST_POSITION 15
 #define POSITION_BITS 7
 
-        .hidden dtp_before, dtp_after, dtp_drop_passed, dtp_return_below, dtp_own_stack
+        .hidden dtp_begin_send, dtp_end_send, dtp_return_below, dtp_own_stack
 
         .macro  push_one register
         pushq   \register
@@ -81,23 +79,18 @@
         movq    \selector, %rsi
         .endif
         movq    PUSHED(%rsp), %rdx
-        call    dtp_before
+        .if     \tail
+        movq    POSITION(%rbx), %rcx    // of the send whose method ended with this one
+        decq    %rcx
+        .else
+        leaq    PUSHED + FIRST_POSITION(%rsp), %rcx
+        .endif
+        call    dtp_begin_send
         testq   %rax, %rax
         .cfi_remember_state
         jz      \unnoted
-        .if     \tail
-        movq    POSITION(%rbx), %r11    // of the send whose method ended with this one
-        decq    %r11
-        .else
-        leaq    PUSHED + FIRST_POSITION(%rsp), %r11
-        .endif
-        movq    %r11, POSITION(%rax)
         movq    %rbx, SAVED_REGISTER(%rax)
-        cmpq    %r11, POSITION - (1 << ENTRY_SHIFT)(%rax)
-        ja      9f
-        movq    %rax, %rdi              // what lies below it was left there by a longjmp
-        call    dtp_drop_passed
-9:      movq    %rax, %rbx
+        movq    %rax, %rbx
         cfi_register_in_entry
         pop_arguments
         .endm
@@ -153,6 +146,9 @@ hook_objc_msgSend:
 .Lsend: leaq    8(%rsp), %rsp
         cfi_all_in_entry
 .Lcall: call    *%r11
+        .globl  dtp_return_point
+        .hidden dtp_return_point
+dtp_return_point:
 .Lreturned:
         movq    RETURN_ADDRESS(%rbx), %r11
         movq    %r11, -8(%rsp)          // signal handlers leave what is just below the stack pointer alone
@@ -163,17 +159,12 @@ hook_objc_msgSend:
         push_one SAVED_REGISTER(%rbx)   // the entry may be another send's once it was given back
         .cfi_offset %rbx, -32
         movq    dtp_own_stack@GOTTPOFF(%rip), %r10
-        movq    %fs:(%r10), %r10
-        testq   %r10, %r10
+        movq    %fs:(%r10), %rdi
+        cmpq    %rbx, TOP(%rdi)
         .cfi_remember_state
-        jz      .Lbelow
-        movslq  INDEX(%r10), %r11
-        shlq    $ENTRY_SHIFT, %r11
-        addq    ENTRIES(%r10), %r11
-        cmpq    %rbx, %r11
         jne     .Lbelow
-.Lafter:
-        call    dtp_after
+        movq    %rbx, %rsi
+.Lend:  call    dtp_end_send
         movq    %rax, 24(%rsp)
 .Lback: pop_one %rbx
         .cfi_restore %rbx
@@ -186,8 +177,10 @@ hook_objc_msgSend:
         .cfi_restore_state
         movq    %rbx, %rdi
         call    dtp_return_below
-        testb   %al, %al
-        jnz     .Lafter
+        movq    %rax, %rdi
+        movq    %rbx, %rsi
+        testq   %rdi, %rdi
+        jnz     .Lend
         jmp     .Lback
 
         // An exception passes, and stays in rax; the rest is as at .Lreturned. Takes the note back and lets the
@@ -205,9 +198,11 @@ hook_objc_msgSend:
         push_one %rax
         movq    %rbx, %rdi
         call    dtp_return_below        // as a rule it is the innermost
-        testb   %al, %al
+        movq    %rax, %rdi
+        movq    %rbx, %rsi
+        testq   %rdi, %rdi
         jz      1f
-        call    dtp_after
+        call    dtp_end_send
 1:      pop_one %rdi
         pop_one %rbx
         .cfi_restore %rbx

@@ -72,7 +72,7 @@ Look takeBlocked(BlockedThread& thread, CapturedThread& item, Scratch scratch, b
     registers.set(kProgramCounter, line.programCounter);
     registers.set(kStackPointer, line.stackPointer);
     const std::size_t size = safeRead(line.stackPointer, scratch.size(), scratch.data());
-    const StackView stack{scratch.data(), line.stackPointer, size, readWord};
+    const StackView stack{scratch.data(), line.stackPointer, size, readWord, returnMarkOf(item.thread)};
     const bool done =
         unwindInto(item.chain, registers, stack, whateverCanBeFound || !waitSurvivesSignal(line));
     if (!thread.unmoved()) continue;

@@ -106,6 +106,7 @@ QBV_IN_HANDLER void fill(SnapshotSlot& slot, const ucontext_t& context, int proc
   copyRegisters(context, slot.registers);
   slot.stackBase = stackPointer(context);
   slot.alternateStack = onAlternateStack(context);
+  slot.returns = ownReturnMark();
   slot.stackSize = copyStack(context, process, slot.buffer);
   // From here on the slot is the requester's.
   if (!exchangeWord(slot, busy, slotWord(self, SlotPhase::done))) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "vitalscope/platform/linux/return_marks.h"
 #include "vitalscope/platform/linux/stack_view.h"
 
 namespace qbv::linux_backend {
@@ -25,6 +26,7 @@ struct alignas(64) SnapshotSlot {
   std::uint64_t stackBase = 0;
   std::size_t stackSize = 0;
   bool alternateStack = false;
+  ReturnMark returns;
 };
 
 constexpr std::uint32_t slotWord(std::uint32_t thread, SlotPhase phase) {

@@ -129,7 +129,8 @@ bool StackSnapshot::giveUp() {
 }
 
 StackView StackSnapshot::stack() const {
-  return {slot_->buffer, slot_->stackBase, slot_->stackSize, slot_->alternateStack ? readWord : nullptr};
+  return {slot_->buffer, slot_->stackBase, slot_->stackSize, slot_->alternateStack ? readWord : nullptr,
+          slot_->returns};
 }
 
 void StackSnapshot::release() {

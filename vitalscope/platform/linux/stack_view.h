@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "vitalscope/platform/linux/return_marks.h"
+
 namespace qbv::linux_backend {
 
 // Numbers of the registers in call-frame information.
@@ -51,17 +53,24 @@ struct StackView {
   // Reads a word that is not in the copy (the thread runs on an alternate stack, and its caller's frames are
   // on another); null when nothing but the copy may be used. Never faults: false for unmapped addresses.
   bool (*elsewhere)(std::uint64_t address, std::uint64_t& word) = nullptr;
+  // The return addresses that the thread keeps elsewhere, as they were when the copy was taken.
+  ReturnMark returns = {};
 
   // Whether the copy has all of the bytes right below an address.
   bool holdsBelow(std::uint64_t address, std::uint64_t count) const {
     return address - base >= count && address - base <= size;
   }
 
-  // The word at an address of the thread's stack. False outside of the copy, unless elsewhere has it.
+  // The word at an address of the thread's stack. Outside of the copy false, unless it is part of a
+  // moved return address's entry or elsewhere has it.
   bool read(std::uint64_t address, std::uint64_t& word) const {
     if (size >= sizeof word && address >= base && address - base <= size - sizeof word) {
       std::memcpy(&word, bytes + (address - base), sizeof word);
       return true;
+    }
+    if (returns.returns != 0) {
+      const MovedWord moved = readMovedWord(returns, address, word);
+      if (moved != MovedWord::elsewhere) return moved == MovedWord::found;
     }
     return elsewhere != nullptr && elsewhere(address, word);
   }

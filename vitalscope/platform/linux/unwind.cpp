@@ -41,9 +41,22 @@ StepStatus stepWithTables(const Frames& frames, std::uint64_t pc, bool innermost
   return stepCompact(compacted, frames.stack, state);
 }
 
+// Where a call through a function that keeps return addresses elsewhere returns to, the entry tells on, also
+// if the snapshot does not know the register that held it.
+bool findMovedReturn(const Frames& frames, WalkState& state) {
+  MovedEntry entry;
+  if (!findMovedEntry(frames.stack.returns, state.registers.pc(), state.registers.sp(), entry) ||
+      entry.inRegister != state.missing)
+    return false;
+  state.give(entry.inRegister, entry.address);
+  return true;
+}
+
 // A frame pointer that the snapshot does not know may be found on the stack.
 StepStatus stepOrSearch(const Frames& frames, bool innermost, WalkState& state) {
   const StepStatus status = stepFrame(frames, innermost, state);
+  if (status == StepStatus::needsRegister && findMovedReturn(frames, state))
+    return stepFrame(frames, innermost, state);
   if (status != StepStatus::needsRegister || state.missing != kFramePointer) return status;
   const std::optional<std::uint64_t> found = findFramePointer(frames, innermost, state);
   if (!found) return status;

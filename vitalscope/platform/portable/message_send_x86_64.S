@@ -8,12 +8,21 @@
 #define CACHE_PLACES 8                  // MethodCache: mask, then places
 #define METHOD_IMPLEMENTATION 8         // objc_method: selector, then implementation
 
-// The receiver's class in r10, becomes the implementation in r11.
+// The first place is tried with as few instructions as can be; further ones start anew.
         .macro  look_up name, receiver, selector, selector32
         movq    (\receiver), %r10
         movq    CLASS_CACHE(%r10), %r10
-        movl    (%r10), %r11d
-        andl    \selector32, %r11d
+        movl    \selector32, %r11d
+        andl    (%r10), %r11d
+        movq    CACHE_PLACES(%r10, %r11), %r10
+        cmpq    \selector, (%r10)
+        jne     .Lfurther_\name
+        jmp     *METHOD_IMPLEMENTATION(%r10)
+.Lfurther_\name:
+        movq    (\receiver), %r10
+        movq    CLASS_CACHE(%r10), %r10
+        movl    \selector32, %r11d
+        andl    (%r10), %r11d
         addq    %r10, %r11              // the first place, less CACHE_PLACES
 .Lplace_\name:
         movq    CACHE_PLACES(%r11), %r10
