@@ -10,7 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -111,7 +111,9 @@ void printRecords(id object) {
 
 void printOwnCapture() {
   while (!inside) std::this_thread::yield();
-  std::fputs(QBVitalscopeBacktrace::qbv_backtraceOfMainThread().c_str(), stdout);
+  std::istringstream text(QBVitalscopeBacktrace::qbv_backtraceOfMainThread());
+  for (std::string line; std::getline(text, line);)
+    if (!line.empty()) std::puts(line.c_str());
   ready();
 }
 
