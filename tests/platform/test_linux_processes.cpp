@@ -67,6 +67,12 @@ TEST(LinuxProcesses, AnswersEveryByteOfStandardOutput) {
   EXPECT_EQ(run("kill -9 $$"), "");
 }
 
+// Where the system lets only ancestors trace a process, this holds because the child is named as a tracer.
+TEST(LinuxProcesses, ChildrenMayLookAtThisProcess) {
+  const std::string command = QBV_SAMPLE " " + std::to_string(::getpid()) + " 0.05 -file /dev/null 2>&1";
+  EXPECT_EQ(run(command + "; echo $?"), "0\n");
+}
+
 TEST(LinuxProcesses, OutputsOfConcurrentChildrenDoNotMix) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {

@@ -223,6 +223,9 @@ TEST_F(CommandLine, KnowsWhatTheMachineAllows) {
       EXPECT_EQ(check["state"], "works");
     }
   }
+  const Outcome unwatched = command({"doctor", "--pid", std::to_string(getpid())});
+  EXPECT_EQ(unwatched.code, 1);
+  EXPECT_THAT(unwatched.out, HasSubstr("missing  monitor"));
   setenv("HOME", "/proc/nowhere", 1);
   const Outcome broken = command({"doctor"});
   EXPECT_EQ(broken.code, 1) << "no log folder can be made there";
@@ -284,6 +287,11 @@ TEST_F(CommandLine, RunsPostsListsAndShows) {
   ASSERT_TRUE(host.finished());
   const std::string pid = std::to_string(host.pid());
   EXPECT_EQ(command({"post", pid, "a note", "count=3", "text=three words", "flag=true"}).code, 0);
+  const Outcome health = command({"doctor", "--pid", pid});
+  EXPECT_EQ(health.code, 0) << health.out;
+  EXPECT_THAT(health.out, HasSubstr("works    monitor         watches the main thread"));
+  EXPECT_THAT(health.out, HasSubstr("works    main-loop       one of its own, which polls"));
+  EXPECT_THAT(health.out, HasSubstr("instead: it counts as being in front all the time"));
 
   const Outcome list = command({"reports", "--json", "--pid", pid});
   ASSERT_EQ(list.code, 0) << list.errors;

@@ -84,6 +84,14 @@ std::string content(const std::string& path) {
   return text.str();
 }
 
+// False when the sampler ends before.
+bool untilTraced(pid_t target, pid_t sampler) {
+  const std::string status = "/proc/" + std::to_string(target) + "/status";
+  while (content(status).find("TracerPid:\t" + std::to_string(sampler)) == std::string::npos)
+    if (waitpid(sampler, nullptr, WNOHANG) != 0) return false;
+  return true;
+}
+
 class SampleTool : public testing::Test {
  protected:
   void SetUp() override { ASSERT_NE(mkdtemp(folder_.data()), nullptr); }
@@ -137,9 +145,7 @@ TEST_F(SampleTool, TargetRunsOnWhenTheToolIsKilled) {
   Victim victim;
   ASSERT_EQ(victim.signalsCounted(), 0);
   const pid_t sampler = startSample({std::to_string(victim.process()), "60", "-file", file()}, errors());
-  const std::string status = "/proc/" + std::to_string(victim.process()) + "/status";
-  while (content(status).find("TracerPid:\t" + std::to_string(sampler)) == std::string::npos)
-    ASSERT_EQ(kill(sampler, 0), 0);
+  ASSERT_TRUE(untilTraced(victim.process(), sampler));
   kill(sampler, SIGKILL);
   ASSERT_EQ(exitCode(sampler), -1);
   EXPECT_EQ(victim.signalsCounted(), 0);
@@ -155,6 +161,13 @@ TEST_F(SampleTool, SaysWhyItCannot) {
       exitCode(startSample({std::to_string(victim.process()), "0.01", "-file", "/nowhere/out"}, errors())),
       1);
   EXPECT_THAT(content(errors()), HasSubstr("cannot write /nowhere/out: No such file or directory"));
+  const std::string pid = std::to_string(victim.process());
+  const pid_t other = startSample({pid, "60", "-file", file()}, errors());
+  ASSERT_TRUE(untilTraced(victim.process(), other));
+  EXPECT_EQ(exitCode(startSample({pid, "1", "-file", file()}, errors())), 1) << "it is traced already";
+  EXPECT_THAT(content(errors()), HasSubstr("may not attach to process " + pid + ": Operation not permitted"));
+  kill(other, SIGTERM);
+  exitCode(other);
   EXPECT_EQ(victim.signalsCounted(), 0);
 }
 

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <optional>
 
+#include "tools/leaks/known_library.h"
 #include "tools/leaks/leak_report.h"
 #include "tools/leaks/process_reader.h"
 #include "tools/tracer/process_facts.h"
@@ -77,19 +78,11 @@ class Check {
     const std::string library = libraryPath(mappings);
     if (library.empty()) return "the program uses no C library whose heap is recognised";
     const std::string version = libraryVersion(process_, mappings, library);
-    if (!isKnownVersion(version))
+    if (!isKnownLibrary(version))
       return "the heap's layout of C library version " + (version.empty() ? "?" : version) +
              " is not recognised";
     report_.library = "glibc " + version;
     return "";
-  }
-
-  static bool isKnownVersion(const std::string& version) {
-    constexpr int kFirst = 32;
-    constexpr int kLast = 41;
-    if (!version.starts_with("2.")) return false;
-    const int minor = std::atoi(version.c_str() + 2);
-    return minor >= kFirst && minor <= kLast;
   }
 
   std::string pass() {

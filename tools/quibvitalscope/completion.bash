@@ -106,7 +106,11 @@ _quibvitalscope() {
         *,-*) _quibvitalscope_words "--interval --once --help" "$current" ;;
         *) _quibvitalscope_words "$(_quibvitalscope_pids)" "$current" ;;
       esac ;;
-    doctor) _quibvitalscope_words "--json --help" "$current" ;;
+    doctor)
+      case $previous in
+        --pid) _quibvitalscope_words "$(_quibvitalscope_pids)" "$current" ;;
+        *) _quibvitalscope_words "--pid --json --help" "$current" ;;
+      esac ;;
   esac
 }
 

@@ -71,7 +71,7 @@ Check threadFile() {
 Check memoryRead() {
   Check check{"memory-read",
               State::works,
-              true,
+              false,
               "process_vm_readv reads this process",
               "stacks and images, without faults",
               ""};
@@ -80,14 +80,14 @@ Check memoryRead() {
   iovec local{&to, sizeof to};
   iovec remote{&from, sizeof from};
   if (::process_vm_readv(::getpid(), &local, 1, &remote, 1, 0) == sizeof to && to == from) return check;
-  check.state = State::missing;
+  check.state = State::limited;
   check.finding = std::string("process_vm_readv fails: ") + std::strerror(errno);
-  check.fallback = "none: no stack can be captured";
+  check.fallback = "memory is read through a pipe, which is slower";
   return check;
 }
 
 Check reservedSignal() {
-  Check check{"signal", State::missing, true, "", "stacks of running threads", ""};
+  Check check{"signal", State::limited, false, "", "stacks of running threads", ""};
   for (int number = SIGRTMAX; number >= SIGRTMIN; --number) {
     struct sigaction action {};
     if (::sigaction(number, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) continue;
@@ -96,7 +96,7 @@ Check reservedSignal() {
     return check;
   }
   check.finding = "no real-time signal is free";
-  check.fallback = "only threads that wait in the kernel can be captured";
+  check.fallback = "one is shared with its own handler, which still gets every signal that is not ours";
   return check;
 }
 

@@ -22,5 +22,7 @@ std::vector<Check> fileChecks();     // log folder, creation dates, control sock
 std::vector<Check> desktopChecks();  // display, buses, login manager, opener
 std::vector<Check> deviceChecks();   // battery, drives
 std::vector<Check> toolChecks();     // our own libraries and companion tools
+// A program that 'run' started: what its monitor works with. One answer when it cannot be asked.
+std::vector<Check> processChecks(int process);
 
 }  // namespace qbv::cli

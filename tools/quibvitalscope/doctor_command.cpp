@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
 
 #include "tools/quibvitalscope/command.h"
 #include "tools/quibvitalscope/doctor_checks.h"
@@ -14,17 +16,25 @@
 namespace qbv::cli {
 namespace {
 
+struct Options {
+  int process = 0;  // 0: the machine
+  bool json = false;
+};
+
 struct Section {
-  const char* title;
+  std::string title;
   std::vector<Check> checks;
 };
 
-std::array<Section, 5> sections() {
-  return {{{"Stacks", captureChecks()},
-           {"Files", fileChecks()},
-           {"Desktop", desktopChecks()},
-           {"Devices", deviceChecks()},
-           {"Programs", toolChecks()}}};
+using Sections = std::vector<Section>;
+
+Sections sections(int process) {
+  if (process != 0) return {{"Process " + std::to_string(process), processChecks(process)}};
+  return {{"Stacks", captureChecks()},
+          {"Files", fileChecks()},
+          {"Desktop", desktopChecks()},
+          {"Devices", deviceChecks()},
+          {"Programs", toolChecks()}};
 }
 
 const char* stateName(Check::State state) {
@@ -38,7 +48,7 @@ std::string colouredState(const Check& check, const Style& style) {
   return check.essential ? style.alarm(name) : style.warning(name);
 }
 
-void printChecks(const std::array<Section, 5>& all, const Style& style) {
+void printChecks(const Sections& all, const Style& style) {
   for (const Section& section : all) {
     std::printf("%s\n", style.bold(section.title).c_str());
     for (const Check& check : section.checks) {
@@ -51,7 +61,7 @@ void printChecks(const std::array<Section, 5>& all, const Style& style) {
   }
 }
 
-nlohmann::ordered_json checksJson(const std::array<Section, 5>& all, bool usable) {
+nlohmann::ordered_json checksJson(const Sections& all, bool usable) {
   using Json = nlohmann::ordered_json;
   Json list = Json::array();
   for (const Section& section : all)
@@ -65,15 +75,15 @@ nlohmann::ordered_json checksJson(const std::array<Section, 5>& all, bool usable
   return {{"usable", usable}, {"checks", std::move(list)}};
 }
 
-int doctor(bool json) {
-  const auto all = sections();
+int doctor(const Options& options) {
+  const auto all = sections(options.process);
   const auto broken = [](const Check& check) {
     return check.essential && check.state == Check::State::missing;
   };
   const bool usable = std::none_of(all.begin(), all.end(), [&](const Section& section) {
     return std::any_of(section.checks.begin(), section.checks.end(), broken);
   });
-  if (json) {
+  if (options.json) {
     std::fputs(jsonText(checksJson(all, usable)).c_str(), stdout);
   } else {
     printChecks(all, Style(Style::Mode::automatic));
@@ -85,16 +95,19 @@ int doctor(bool json) {
 }  // namespace
 
 void addDoctorCommand(CLI::App& app, Context& context) {
-  const auto json = std::make_shared<bool>(false);
+  const auto options = std::make_shared<Options>();
   CLI::App* const sub = app.add_subcommand("doctor", "Tell what this machine allows the monitor to do");
   setHelp(
       *sub, "doctor [OPTIONS]",
       "Looks at what the monitor depends on, on this machine and for this user: for each the state (works, "
       "limited, "
       "missing), what was found, what it is for, and what happens instead when it does not work.");
-  sub->add_flag("--json", *json, "Print JSON; its keys are described in the manual page");
+  sub->add_option("--pid", options->process,
+                  "Look at what the monitor works with in this program, which 'run' started")
+      ->check(processId());
+  sub->add_flag("--json", options->json, "Print JSON; its keys are described in the manual page");
   sub->footer("Exit codes: 0 everything essential works, 1 something essential is missing, 2 usage.");
-  sub->callback([json, &context] { context.exitCode = doctor(*json); });
+  sub->callback([options, &context] { context.exitCode = doctor(*options); });
 }
 
 }  // namespace qbv::cli

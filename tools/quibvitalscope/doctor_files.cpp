@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gnu/libc-version.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <filesystem>
 
 #include "host/control/socket_place.h"
+#include "tools/leaks/known_library.h"
 #include "tools/quibvitalscope/doctor_checks.h"
 #include "tools/quibvitalscope/install_place.h"
 #include "tools/report_reader/diagnostic_folder.h"
@@ -103,6 +105,16 @@ Check companion(const std::string& name, const std::string& purpose, const std::
   return check;
 }
 
+Check cLibrary() {
+  const std::string version = ::gnu_get_libc_version();
+  Check check{"c-library", State::works, false, "version " + version, "leak checks: its heap is read", ""};
+  if (leaks::isKnownLibrary(version)) return check;
+  check.state = State::limited;
+  check.finding += ", whose heap's layout is not known";
+  check.fallback = "leak checks are refused";
+  return check;
+}
+
 }  // namespace
 
 std::vector<Check> fileChecks() {
@@ -112,7 +124,7 @@ std::vector<Check> fileChecks() {
 std::vector<Check> toolChecks() {
   return {library(),
           companion("sample", "a call sample beside each hang report", "hang reports come without samples"),
-          companion("leaks", "leak checks after a meeting", "no leak reports")};
+          companion("leaks", "leak checks after a meeting", "no leak reports"), cLibrary()};
 }
 
 }  // namespace qbv::cli
