@@ -73,6 +73,20 @@ class MainLoops : public testing::Test {
     }
   }
 
+  // The call samples beside the reports show on top that the main thread waited in this function.
+  static void expectSamplesThatLead(const std::string& function, const HostProcess& host) {
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator(host.diagnosticRoot() / "sample_log")) {
+      const std::string sample = e2e::contentOf(entry.path());
+      const std::string top = sample.substr(0, sample.find("Call graph:"));
+      EXPECT_THAT(top, testing::ContainsRegex("Thread " + std::to_string(host.pid()) +
+                                              "[^\n]*\n[^\n]*nanosleep[^\n]*called from "));
+      EXPECT_THAT(sample, testing::HasSubstr(function));
+      ++count;
+    }
+    EXPECT_GT(count, 0);
+  }
+
  private:
   TemporaryFolder home_;
   std::unique_ptr<e2e::VirtualDisplay> display_;
@@ -86,6 +100,7 @@ TEST_F(MainLoops, BlockedCallbackOfGlibIsReported) {
   ASSERT_TRUE(linked->finished());
   expectReportsOf(*linked, {"copyFromSlowShare", "importAttachments", "g_main_context_dispatch", "main "});
   EXPECT_THAT(linked->hangReports("freeze"), Not(IsEmpty()));
+  expectSamplesThatLead("copyFromSlowShare", *linked);
   EXPECT_EQ(linked->exitStatus(), 0);
   if (python == nullptr) GTEST_SKIP() << "package python3-gi is missing";
   ASSERT_TRUE(python->finished());
