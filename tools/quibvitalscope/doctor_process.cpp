@@ -13,12 +13,7 @@ std::string textOf(const Value& facts, const char* key) {
 }
 
 Check unreachable(const std::string& why) {
-  return {"monitor",
-          State::missing,
-          true,
-          why,
-          "everything",
-          "nothing is watched, or a program with a loop that nobody knows, or one whose loop has not turned"};
+  return {"monitor", State::missing, true, why, "everything", "nothing is watched"};
 }
 
 Check monitor(const Value& facts) {
