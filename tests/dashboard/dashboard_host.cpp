@@ -37,7 +37,7 @@ void turnOnce(int milliseconds) {
 void turn(double seconds) {
   using Clock = std::chrono::steady_clock;
   for (const auto end = Clock::now() + std::chrono::duration<double>(seconds); Clock::now() < end;)
-    turnOnce(5);
+    turnOnce(static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count()));
 }
 
 void post(const char* name) {

@@ -32,7 +32,8 @@ constexpr double kWaveElsewhere = 0.05;
 class DisplayTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (display_->name().empty()) GTEST_SKIP() << "the packages xvfb and xdotool are needed";
+    if (display_->name().empty() || std::system("command -v xdotool >/dev/null") != 0)
+      GTEST_SKIP() << "the packages xvfb and xdotool are needed";
     std::string fonts = kFonts;
     fonts.replace(fonts.find("%s"), 2, home_.path() / "fonts");
     std::ofstream(home_.path() / "fonts.conf") << fonts;

@@ -38,6 +38,7 @@ void WindowThread::run() {
   std::string failure;
   const std::unique_ptr<WindowDisplay> display = openDisplay(failure);
   if (display != nullptr) {
+    tellFailure_("");
     opened(display->mainScreen());
     serve(*display);
     failure = "the connection to the display is lost";

@@ -21,7 +21,7 @@ class WindowThread final : public DisplayListener, public std::enable_shared_fro
  public:
   // The client of a window, null when it is gone.
   using FindClient = std::function<std::shared_ptr<WindowClient>(WindowNumber)>;
-  // Told on the window thread why there is no connection, or none any more.
+  // Told on the window thread why there is no connection, or none any more; "" when there is one.
   using TellFailure = std::function<void(const std::string&)>;
   // Callbacks to clients run on the main queue.
   WindowThread(FindClient findClient, TellFailure tellFailure);

@@ -83,11 +83,11 @@ class LinuxWindows final : public Windows {
     return found != clients_.end() ? found->second.lock() : nullptr;
   }
 
-  // A toggle that finds no display tries twice; its user reads one line.
+  // A toggle that finds no display tries twice; its user reads one line. "": it was found.
   void logOnce(const std::string& failure) {
     {
       const std::lock_guard lock(mutex_);
-      if (std::exchange(lastFailure_, failure) == failure) return;
+      if (std::exchange(lastFailure_, failure) == failure || failure.empty()) return;
     }
     log().NSLog("QuibVitalscope: the window is not shown: " + failure);
   }
