@@ -16,6 +16,9 @@ namespace qbv {
 
 namespace {
 
+using linux_backend::MovedEntry;
+using linux_backend::MovedWord;
+using linux_backend::ReturnMark;
 using linux_backend::safeRead;
 
 struct Place {
@@ -66,12 +69,41 @@ bool safeReadValue(std::uint64_t address, T& value) noexcept {
 }
 
 // Whether the entry is one of those that the mark means. Asked after the entry was read.
-bool isMarked(const linux_backend::ReturnMark& mark, std::uint64_t entry) noexcept {
+bool isMarked(const ReturnMark& mark, std::uint64_t entry) noexcept {
   std::uint64_t number = 0;
   const std::uint64_t at =
       entry + kMovedReturnEntryBytes - sizeof(MovedReturn) + offsetof(MovedReturn, entryNumber);
   return safeReadValue(at, number) && number != 0 && number <= mark.entriesMade;
 }
+
+MovedWord readMovedWord(const ReturnMark& mark, std::uint64_t address, std::uint64_t& word) noexcept {
+  MovedReturns returns;
+  if (!safeReadValue(mark.returns, returns)) return MovedWord::elsewhere;
+  // An entry that was given back since serves as well, as long as no other call has taken it.
+  const std::uint64_t index = (address - returns.entries) / kMovedReturnEntryBytes;
+  if (index >= returns.mostEntries || !safeReadValue(address, word)) return MovedWord::elsewhere;
+  const std::uint64_t entry = returns.entries + index * kMovedReturnEntryBytes;
+  return isMarked(mark, entry) ? MovedWord::found : MovedWord::gone;
+}
+
+bool findMovedEntry(const ReturnMark& mark, std::uint64_t returnAddress, std::uint64_t stackPointer,
+                    MovedEntry& entry) noexcept {
+  MovedReturns returns;
+  std::uint64_t address = 0;
+  if (!safeReadValue(mark.returns, returns) || returns.returnPoint != returnAddress ||
+      !safeReadValue(returns.innermost, address))
+    return false;
+  for (; address >= returns.entries; address -= kMovedReturnEntryBytes) {
+    MovedReturn candidate;
+    if (!safeReadValue(address + kMovedReturnEntryBytes - sizeof candidate, candidate)) return false;
+    if (candidate.position - stackPointer >= 16) continue;
+    entry = {address, static_cast<unsigned>(returns.entryRegister)};
+    return isMarked(mark, address);
+  }
+  return false;
+}
+
+constexpr linux_backend::MovedReturnReader kReader{readMovedWord, findMovedEntry};
 
 }  // namespace
 
@@ -96,45 +128,18 @@ namespace linux_backend {
 __attribute__((no_sanitize("address", "thread", "undefined"))) ReturnMark ownReturnMark() noexcept {
   const Place* const place = ownPlace;
   if (place == nullptr) return {};
-  return {reinterpret_cast<std::uint64_t>(&place->returns),
+  return {&kReader, reinterpret_cast<std::uint64_t>(&place->returns),
           *reinterpret_cast<const std::uint64_t*>(place->returns.entriesMade)};
 }
 
 ReturnMark returnMarkOf(std::uint32_t thread) noexcept {
   Place* const place = thread == 0 ? nullptr : findPlace(thread);
   if (place == nullptr) return {};
-  ReturnMark mark{reinterpret_cast<std::uint64_t>(&place->returns), 0};
+  ReturnMark mark{&kReader, reinterpret_cast<std::uint64_t>(&place->returns), 0};
   MovedReturns returns;
   if (!safeReadValue(mark.returns, returns) || !safeReadValue(returns.entriesMade, mark.entriesMade))
     return {};
   return mark;
-}
-
-MovedWord readMovedWord(const ReturnMark& mark, std::uint64_t address, std::uint64_t& word) noexcept {
-  MovedReturns returns;
-  if (!safeReadValue(mark.returns, returns)) return MovedWord::elsewhere;
-  // An entry that was given back since serves as well, as long as no other call has taken it.
-  const std::uint64_t index = (address - returns.entries) / kMovedReturnEntryBytes;
-  if (index >= returns.mostEntries || !safeReadValue(address, word)) return MovedWord::elsewhere;
-  const std::uint64_t entry = returns.entries + index * kMovedReturnEntryBytes;
-  return isMarked(mark, entry) ? MovedWord::found : MovedWord::gone;
-}
-
-bool findMovedEntry(const ReturnMark& mark, std::uint64_t returnAddress, std::uint64_t stackPointer,
-                    MovedEntry& entry) noexcept {
-  MovedReturns returns;
-  std::uint64_t address = 0;
-  if (mark.returns == 0 || !safeReadValue(mark.returns, returns) || returns.returnPoint != returnAddress ||
-      !safeReadValue(returns.innermost, address))
-    return false;
-  for (; address >= returns.entries; address -= kMovedReturnEntryBytes) {
-    MovedReturn candidate;
-    if (!safeReadValue(address + kMovedReturnEntryBytes - sizeof candidate, candidate)) return false;
-    if (candidate.position - stackPointer >= 16) continue;
-    entry = {address, static_cast<unsigned>(returns.entryRegister)};
-    return isMarked(mark, address);
-  }
-  return false;
 }
 
 }  // namespace linux_backend

@@ -68,8 +68,8 @@ struct StackView {
       std::memcpy(&word, bytes + (address - base), sizeof word);
       return true;
     }
-    if (returns.returns != 0) {
-      const MovedWord moved = readMovedWord(returns, address, word);
+    if (returns.reader != nullptr) {
+      const MovedWord moved = returns.reader->word(returns, address, word);
       if (moved != MovedWord::elsewhere) return moved == MovedWord::found;
     }
     return elsewhere != nullptr && elsewhere(address, word);

@@ -45,7 +45,9 @@ StepStatus stepWithTables(const Frames& frames, std::uint64_t pc, bool innermost
 // if the snapshot does not know the register that held it.
 bool findMovedReturn(const Frames& frames, WalkState& state) {
   MovedEntry entry;
-  if (!findMovedEntry(frames.stack.returns, state.registers.pc(), state.registers.sp(), entry) ||
+  const ReturnMark& mark = frames.stack.returns;
+  if (mark.reader == nullptr ||
+      !mark.reader->entry(mark, state.registers.pc(), state.registers.sp(), entry) ||
       entry.inRegister != state.missing)
     return false;
   state.give(entry.inRegister, entry.address);
