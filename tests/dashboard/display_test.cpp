@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -175,10 +176,15 @@ TEST_F(DisplayTest, FollowsADragAndComesBackThere) {
 }
 
 TEST_F(DisplayTest, KeepsTheHostGoingWithoutADisplayAndTriesAgain) {
+  // A number of its own: while this display is down nobody else may come up in its place.
+  const std::string name = ":" + std::to_string(300 + ::getpid() % 20000);
+  screen_.reset();
+  display_ = std::make_unique<e2e::VirtualDisplay>(name);
+  ASSERT_EQ(display_->name(), name);
+  screen_.emplace(name);
   const auto host = startShown();
   host->tell({"memory 512"});
   ASSERT_TRUE(host->finished());
-  const std::string name = display_->name();
   screen_.reset();
   display_.reset();
   host->tell({"wait hidden", "turn 0.1"});
