@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <clocale>
-
 #include "report_host.h"
 #include "vitalscope/report/QBVReportSources.h"
 
@@ -95,14 +93,6 @@ TEST_F(SnapshotTest, NothingIsWrittenWhereNoLogsAreKept) {
   system.advance(120);
   EXPECT_THAT(filesBelow(system.files.home()), IsEmpty());
   EXPECT_FALSE(exists(root()));
-}
-
-TEST_F(SnapshotTest, NumbersDoNotFollowTheHostsLocale) {
-  if (std::setlocale(LC_NUMERIC, "de_DE.UTF-8") == nullptr) GTEST_SKIP() << "the locale is not installed";
-  plugIn();
-  report();
-  system.runUntilIdle();
-  EXPECT_THAT(today(), testing::HasSubstr(R"("LaunchTime":"1.250000")"));
 }
 
 TEST_F(SnapshotTest, RecordsOfHangsAreReadable) {
