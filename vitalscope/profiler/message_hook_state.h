@@ -61,7 +61,7 @@ extern constinit thread_local dtp_thread_call_stack* dtp_own_stack
 [[gnu::visibility("hidden")]] void* dtp_append_record(void* entry, void* cost);
 
 // Where the real send returns to: stands on the machine stack in place of the caller's address.
-[[gnu::visibility("hidden")]] extern const char dtp_return_point[];
+[[gnu::visibility("hidden")]] extern void* const dtp_return_point;
 
 // For the trampoline.
 // Notes a send; null without memory. Drops entries whose sends are no longer in flight: a longjmp has left

@@ -101,9 +101,6 @@ hook_objc_msgSend:
 .Lsend: real_send x16
         cfi_all_in_entry
 .Lcall: blr     x16
-        .globl  dtp_return_point
-        .hidden dtp_return_point
-dtp_return_point:
 .Lreturned:
         ldr     x30, [x19, #RETURN_ADDRESS]
         cfi_on_stack
@@ -204,6 +201,15 @@ dtp_return_point:
         b       .Lstraight
         .cfi_endproc
         .size   hook_objc_msgSend, . - hook_objc_msgSend
+
+        .section .data.rel.ro.local, "aw", %progbits
+        .balign 8
+        .globl  dtp_return_point
+        .hidden dtp_return_point
+        .type   dtp_return_point, %object
+        .size   dtp_return_point, 8
+dtp_return_point:
+        .xword  .Lreturned
 
         // What the personality routine is to do when an exception passes.
         .section .gcc_except_table, "a", %progbits

@@ -146,9 +146,6 @@ hook_objc_msgSend:
 .Lsend: leaq    8(%rsp), %rsp
         cfi_all_in_entry
 .Lcall: call    *%r11
-        .globl  dtp_return_point
-        .hidden dtp_return_point
-dtp_return_point:
 .Lreturned:
         movq    RETURN_ADDRESS(%rbx), %r11
         movq    %r11, -8(%rsp)          // signal handlers leave what is just below the stack pointer alone
@@ -228,6 +225,15 @@ hook_objc_msgSend_stret:
         hook_aside stret, orig_objc_msgSend_stret, %rsi, %rdx
         .cfi_endproc
         .size   hook_objc_msgSend_stret, . - hook_objc_msgSend_stret
+
+        .section .data.rel.ro.local, "aw", @progbits
+        .balign 8
+        .globl  dtp_return_point
+        .hidden dtp_return_point
+        .type   dtp_return_point, @object
+        .size   dtp_return_point, 8
+dtp_return_point:
+        .quad   .Lreturned
 
         // What the personality routine is to do when an exception passes.
         .section .gcc_except_table, "a", @progbits
