@@ -14,12 +14,20 @@ struct CFRunLoopObserver {
   // The loop's thread only.
   bool done = false;
   bool running = false;
+  CFRunLoopObserverRef older = nullptr;  // made before it
 };
 
 struct RunLoopObservers::List {
   std::vector<CFRunLoopObserverRef> observers;
   const List* before;  // the list that this one took the place of: a walk over it may be under way
 };
+
+namespace {
+
+// Observers stay for ever, also when their loop has gone: whoever made one may still hold it.
+constinit std::atomic<CFRunLoopObserverRef> newest{nullptr};
+
+}  // namespace
 
 RunLoopObservers::~RunLoopObservers() {
   const List* list = list_.load(std::memory_order_relaxed);
@@ -32,7 +40,12 @@ RunLoopObservers::~RunLoopObservers() {
 
 CFRunLoopObserverRef RunLoopObservers::create(CFRunLoopActivity activities, bool repeats, std::int64_t order,
                                               CFRunLoopObserverCallBack callback, void* info) {
-  return callback == nullptr ? nullptr : new CFRunLoopObserver{activities, repeats, order, callback, info};
+  if (callback == nullptr) return nullptr;
+  auto* const made = new CFRunLoopObserver{activities, repeats, order, callback, info};
+  made->older = newest.load(std::memory_order_relaxed);
+  while (!newest.compare_exchange_weak(made->older, made, std::memory_order_release)) {
+  }
+  return made;
 }
 
 void RunLoopObservers::add(CFRunLoopObserverRef observer) {
