@@ -117,6 +117,19 @@ bool Client::post(const std::string& name, const Value& userInfo, std::string& e
   return request(message, error).has_value();
 }
 
+bool Client::beginProfile(std::string& error) {
+  return request(Value::Dictionary{{kProfile, true}}, error).has_value();
+}
+
+std::optional<std::string> Client::endProfile(std::string& error) {
+  const std::optional<Value> answer = request(Value::Dictionary{{kProfile, false}}, error);
+  if (!answer) return std::nullopt;
+  const std::string* const file = (*answer)[kProfileFile].string();
+  if (file != nullptr) return *file;
+  error = "the process does not say where it has written the profile";
+  return std::nullopt;
+}
+
 std::optional<Value> Client::status(std::string& error) {
   return request(Value::Dictionary{{kStatus, true}}, error);
 }

@@ -27,8 +27,11 @@ class Client {
   // connection is of no use after any of the last two.
   std::optional<Value> request(const Value& message, std::string& error);
   void setPatience(std::chrono::seconds patience) { patience_ = patience; }
-  // The two requests there are.
+  // The requests there are.
   bool post(const std::string& name, const Value& userInfo, std::string& error);
+  bool beginProfile(std::string& error);
+  // The path of what was recorded.
+  std::optional<std::string> endProfile(std::string& error);
   std::optional<Value> status(std::string& error);
 
  private:

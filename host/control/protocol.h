@@ -5,6 +5,10 @@
 //   {"post": NAME, "userInfo": {…}}  posts a notification in the process ("userInfo" may be left out) →
 //   {"ok": true}
 //   {"status": true}                 → facts about the process, under the keys below
+//   {"profile": true}                begins a profiling run of the main thread's message sends → {"ok": true}
+//   {"profile": false}               ends it, without opening its page → {"ok": true, "profileFile": PATH};
+//   the file
+//                                    holds the calls as JSON, see docs/profiling.md
 //   anything else                    → {"error": TEXT}
 #pragma once
 
@@ -31,6 +35,8 @@ inline constexpr std::size_t kMaximumMessageBytes = std::size_t{64} * 1024;
 inline constexpr char kPost[] = "post";
 inline constexpr char kUserInfo[] = "userInfo";
 inline constexpr char kStatus[] = "status";
+inline constexpr char kProfile[] = "profile";
+inline constexpr char kProfileFile[] = "profileFile";
 inline constexpr char kOk[] = "ok";
 inline constexpr char kError[] = "error";
 

@@ -17,6 +17,15 @@ Value post(const Value& message, const Requests& requests) {
   return Value::Dictionary{{kOk, true}};
 }
 
+Value profile(const Value& wanted, const Requests& requests) {
+  const bool on = wanted.boolValue();
+  const std::optional<std::string> file = requests.profile(on);
+  if (!file) return refusal(on ? "a profiling run is on already" : "no profiling run is on");
+  Value::Dictionary answer{{kOk, true}};
+  if (!on) answer[kProfileFile] = *file;
+  return answer;
+}
+
 }  // namespace
 
 Value answerTo(const std::string& line, const Requests& requests) {
@@ -24,6 +33,8 @@ Value answerTo(const std::string& line, const Requests& requests) {
   if (!message || message->dictionary() == nullptr) return refusal("not a JSON object");
   if (message->dictionary()->contains(kPost)) return post(*message, requests);
   if ((*message)[kStatus].boolValue()) return requests.status();
+  if (message->dictionary()->contains(kProfile) && requests.profile)
+    return profile((*message)[kProfile], requests);
   return refusal("unknown request");
 }
 

@@ -23,6 +23,9 @@ using linux_backend::Descriptor;
 struct Requests {
   std::function<void(const std::string& name, const Value& userInfo)> post;
   std::function<Value()> status;  // a dictionary
+  // Begins or ends a profiling run; the path of what it recorded, "" when it begins. Nothing when none can
+  // begin because one is on, or none can end because none is.
+  std::function<std::optional<std::string>(bool on)> profile = {};
 };
 
 // The answer to one line. Never fails: what is wrong with the line is an answer too.

@@ -11,10 +11,17 @@
 #include "vitalscope/hang/QBVitalscopeANRMonitor.h"
 #include "vitalscope/platform/linux/log_sinks.h"
 #include "vitalscope/platform/platform.h"
+#include "vitalscope/profiler/QBVTimeProfiler.h"
 
 namespace qbv::standin {
 
 namespace {
+
+std::optional<std::string> profile(bool on) {
+  QBVTimeProfiler& profiler = *QBVTimeProfiler::sharedInstance();
+  if (!profiler.switchTo(on)) return std::nullopt;
+  return on ? std::string() : profiler.resultValuePath();
+}
 
 // A command that ends sooner was none that anybody would have watched.
 constexpr std::uint64_t kWorthMentioning = 10 * NSEC_PER_SEC;
@@ -82,7 +89,7 @@ void StandIn::watchApplication() {
     startActivityWatch([this](bool active, const char* source) { setActive(active, source); });
   }
   openControlSocket({[](const std::string& name, const Value& userInfo) { host::post(name, userInfo); },
-                     [this] { return status(); }});
+                     [this] { return status(); }, profile});
 }
 
 void StandIn::setActive(bool active, const char* source) {

@@ -34,6 +34,7 @@ void addReportsCommand(CLI::App& app, Context& context);
 void addShowCommand(CLI::App& app, Context& context);
 void addStacksCommand(CLI::App& app, Context& context);
 void addWatchCommand(CLI::App& app, Context& context);
+void addProfileCommand(CLI::App& app, Context& context);
 void addDoctorCommand(CLI::App& app, Context& context);
 
 }  // namespace qbv::cli

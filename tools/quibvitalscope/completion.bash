@@ -59,7 +59,7 @@ _quibvitalscope() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   if [ "$COMP_CWORD" = 1 ]; then
-    _quibvitalscope_words "run post dashboard upload open leak-check reports show stacks watch doctor --help --version" "$current"
+    _quibvitalscope_words "run post dashboard upload open leak-check reports show stacks watch profile doctor --help --version" "$current"
     return
   fi
   case ${COMP_WORDS[1]} in
@@ -104,6 +104,16 @@ _quibvitalscope() {
       case $previous,$current in
         --interval,*) ;;
         *,-*) _quibvitalscope_words "--interval --once --help" "$current" ;;
+        *) _quibvitalscope_words "$(_quibvitalscope_pids)" "$current" ;;
+      esac ;;
+    profile)
+      case $previous,$current in
+        --format,*) _quibvitalscope_words "tree folded speedscope" "$current" ;;
+        --seconds,*) ;;
+        -o,* | --output,*)
+          mapfile -t COMPREPLY < <(compgen -f -- "$current")
+          compopt -o filenames 2>/dev/null ;;
+        *,-*) _quibvitalscope_words "--seconds --format --output --help" "$current" ;;
         *) _quibvitalscope_words "$(_quibvitalscope_pids)" "$current" ;;
       esac ;;
     doctor)

@@ -22,7 +22,7 @@ namespace {
 
 constexpr auto kCommands = {addRunCommand,    addPostCommand,      addDashboardCommand, addUploadCommand,
                             addOpenCommand,   addLeakCheckCommand, addReportsCommand,   addShowCommand,
-                            addStacksCommand, addWatchCommand,     addDoctorCommand};
+                            addStacksCommand, addWatchCommand,     addProfileCommand,   addDoctorCommand};
 
 int usageError(const CLI::App& app, const CLI::ParseError& error) {
   std::string command = "quibvitalscope";

@@ -11,6 +11,7 @@
 #include "vitalscope/platform/platform.h"
 #include "vitalscope/probes/QBVBatteryMonitor.h"
 #include "vitalscope/probes/QBVitalscopeBacktrace.h"
+#include "vitalscope/profiler/QBVTimeProfiler.h"
 #include "vitalscope/report/QBVReportSources.h"
 #include "vitalscope/report/QBVitalscopeReport.h"
 #include "vitalscope/report/report_class.h"
@@ -61,6 +62,8 @@ void load() {
   });
   QBVitalscope::sharedInstance()->setDebugAction(QBVitalscope::DebugSwitch::dashboard, toggleDashboard);
   QBVitalscope::load();
+  QBVitalscope::sharedInstance()->setDebugAction(QBVitalscope::DebugSwitch::timeProfiler,
+                                                 [] { QBVTimeProfiler::sharedInstance()->refreshStatus(); });
   QBVitalscopeBacktrace::load();
   NSObject_AllocMonitor::load();
   QBVitalscopeANRMonitor_RunLoop::load();

@@ -32,7 +32,7 @@ void insert(const StackStore& store, std::uint64_t address, const base_ptr_log& 
 }  // namespace
 
 const StackStore& stackStore() noexcept {
-  static constinit const StackStore none;
+  static constinit const StackStore none{};
   const StackStore* const present = made.load(std::memory_order_acquire);
   return present == nullptr ? none : *present;
 }

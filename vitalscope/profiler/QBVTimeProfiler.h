@@ -23,7 +23,8 @@ class QBV_EXPORT QBVTimeProfiler {
   QBVTimeProfiler(const QBVTimeProfiler&) = delete;
   QBVTimeProfiler& operator=(const QBVTimeProfiler&) = delete;
 
-  // Whether a run is on, as far as refreshStatus and switchTo know.
+  // Whether a run is on, as far as refreshStatus and switchTo know: from when the hook is in place until the
+  // results have been written.
   bool on() const { return on_; }
   // Starts a run or stops it; `on` stays as it is, so the next refreshStatus flips from there.
   void setOn(bool on);

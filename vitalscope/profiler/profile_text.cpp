@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <unordered_map>
 
 namespace qbv {
@@ -33,11 +34,15 @@ bool endsText(std::string_view text) {
   return true;
 }
 
+double wholeMicroseconds(double seconds) {
+  return std::round(seconds * kMicrosecondsPerSecond);
+}
+
 Value valueOf(const QBVTimeProfilerRecord& record) {
   Value::Dictionary value{{"class", record.className()},
                           {"method", record.methodName()},
                           {"classMethod", record.isClassMethod()},
-                          {"milliseconds", record.timeCost() * kMillisecondsPerSecond}};
+                          {"milliseconds", wholeMicroseconds(record.timeCost()) / 1000}};
   if (record.subRecords()) {
     Value::Array below;
     for (const auto& sub : *record.subRecords()) below.push_back(valueOf(*sub));

@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <utility>
 #include <vector>
@@ -25,11 +26,6 @@ std::int64_t now() {
   timespec time{};
   clock_gettime(CLOCK_MONOTONIC, &time);
   return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
-
-void nap(std::int64_t nanoseconds) {
-  const timespec time{0, nanoseconds};
-  clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr);
 }
 
 // The loader keeps its lock from before it maps an object until the constructors have run; this look-up takes
@@ -119,7 +115,11 @@ void LoadedImages::watchFromTimeToTime() {
 }
 
 void LoadedImages::expectArrivals() {
-  watchUntil_.store(now() + kCloseWatch);
+  {
+    const std::lock_guard lock(watchMutex_);
+    watchUntil_ = now() + kCloseWatch;
+  }
+  watchRenewed_.notify_one();
   startWatching();
 }
 
@@ -129,17 +129,23 @@ void LoadedImages::startWatching() {
 }
 
 void LoadedImages::watchClosely() {
-  std::int64_t until = watchUntil_.load();
-  for (std::int64_t length = kShortestNap; now() < until; nap(length)) {
-    const std::int64_t renewed = watchUntil_.load();
-    length = renewed != until ? kShortestNap : std::min(length + length / 8, kLongestNap);
-    until = renewed;
+  std::unique_lock lock(watchMutex_);
+  std::int64_t until = watchUntil_;
+  for (std::int64_t nap = kShortestNap; now() < until; until = watchUntil_) {
+    watchRenewed_.wait_for(lock, std::chrono::nanoseconds(nap), [&] { return watchUntil_ != until; });
+    nap = watchUntil_ != until ? kShortestNap : std::min(nap + nap / 8, kLongestNap);
     if (!sawArrival()) continue;
+    lock.unlock();
     awaitLoader();
     announce();
+    lock.lock();
   }
+  lock.unlock();
   watching_.clear();
-  if (now() < watchUntil_.load()) startWatching();
+  lock.lock();
+  const bool again = now() < watchUntil_;
+  lock.unlock();
+  if (again) startWatching();
 }
 
 void expectImageArrivals() {

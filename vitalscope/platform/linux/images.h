@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -114,7 +115,9 @@ class LoadedImages final : public Images {
   std::array<AddImageCallback, kMostCallbacks> callbacks_{};
   std::size_t callbackCount_ = 0;
   std::atomic<std::uint64_t> arrivalsSeen_{0};
-  std::atomic<std::int64_t> watchUntil_{0};  // monotonic nanoseconds
+  std::mutex watchMutex_;
+  std::condition_variable watchRenewed_;
+  std::int64_t watchUntil_ = 0;  // monotonic nanoseconds
   std::atomic_flag watching_;
 
   std::mutex scanning_;  // guards what follows, and the writing of the above
