@@ -90,6 +90,10 @@ id uploadHelper(id, SEL) {
 
 }  // namespace
 
+ClassDefinition defineClass(const char* name, Class superclass) {
+  return {platform().runtime, name, superclass};
+}
+
 void answerEmail(std::function<std::optional<std::string>()> answer) {
   answers().email.set(std::move(answer));
   ClassDefinition(platform().runtime, "QBKXAppInterfaceAdapter")

@@ -95,3 +95,37 @@ QBV_HOST_API void qbv_host_send_event(void (*handle)(void*), void* context) {
 QBV_HOST_API void qbv_host_post_event(void (*handle)(void*), void* context) {
   if (handle != nullptr) qbv::platform().runLoop.postEvent(handle, context);
 }
+
+QBV_HOST_API void* qbv_host_define_class(const char* name, const char* superclass) {
+  qbv::Runtime& runtime = qbv::platform().runtime;
+  if (name == nullptr) return nullptr;
+  const qbv::Class above = superclass == nullptr ? nullptr : runtime.NSClassFromString(superclass);
+  return superclass != nullptr && above == nullptr ? nullptr : runtime.defineClass(name, above);
+}
+
+QBV_HOST_API void* qbv_host_class(const char* name) {
+  return qbv::platform().runtime.NSClassFromString(name);
+}
+
+QBV_HOST_API const void* qbv_host_selector(const char* name) {
+  return name == nullptr ? nullptr : qbv::selectorNamed(name);
+}
+
+QBV_HOST_API int qbv_host_add_method(void* cls, const char* selector, void (*method)(), const char* types) {
+  if (cls == nullptr || selector == nullptr || method == nullptr) return -1;
+  qbv::platform().runtime.addInstanceMethod(static_cast<qbv::Class>(cls), qbv::selectorNamed(selector),
+                                            method, types);
+  return 0;
+}
+
+QBV_HOST_API int qbv_host_add_class_method(void* cls, const char* selector, void (*method)(),
+                                           const char* types) {
+  if (cls == nullptr || selector == nullptr || method == nullptr) return -1;
+  qbv::platform().runtime.addClassMethod(static_cast<qbv::Class>(cls), qbv::selectorNamed(selector), method,
+                                         types);
+  return 0;
+}
+
+QBV_HOST_API void* qbv_host_create_object(void* cls) {
+  return qbv::platform().runtime.createInstance(static_cast<qbv::Class>(cls));
+}

@@ -81,6 +81,32 @@ void qbv_host_send_event(void (*handle)(void* context), void* context);
 /* The same later, from the main loop, in order with the other posts. Any thread. */
 void qbv_host_post_event(void (*handle)(void* context), void* context);
 
+/* Classes and messages of the host's own, which the method-time profiler can time. Objects, classes and
+ * selectors are pointers; 0 stands for nil and for what could not be made. A message is sent by
+ * objc_msgSend, cast to the method's type with the receiver and the selector in front:
+ *
+ *   typedef int (*Add)(void* self, const void* selector, int value);
+ *   int sum = ((Add)objc_msgSend)(object, qbv_host_selector("add:"), 5);
+ *
+ * On x86-64 a method that returns a structure of more than 16 bytes is sent by objc_msgSend_stret. nil
+ * answers 0; an object without such a method ends the process. */
+void* qbv_host_define_class(const char* name, const char* superclass); /* NULL: below "NSObject" */
+void* qbv_host_class(const char* name);
+const void* qbv_host_selector(const char* name);
+/* Adds a method to a class's instances, or to the class itself, or replaces its own of that name. types: the
+ * usual encoding, result first ("i@:i"); it serves those who look before they send. 0; -1 when something is
+ * NULL. */
+int qbv_host_add_method(void* cls, const char* selector, void (*method)(void), const char* types);
+int qbv_host_add_class_method(void* cls, const char* selector, void (*method)(void), const char* types);
+/* A new object without fields that is never freed. */
+void* qbv_host_create_object(void* cls);
+#ifndef __cplusplus
+void objc_msgSend(void);
+#if defined(__x86_64__)
+void objc_msgSend_stret(void);
+#endif
+#endif
+
 #ifdef __cplusplus
 }
 #endif

@@ -7,6 +7,8 @@
 #include <string>
 
 #include "vitalscope/platform/export.h"
+#include "vitalscope/platform/message.h"
+#include "vitalscope/platform/runtime.h"
 #include "vitalscope/platform/value.h"
 
 namespace qbv::host {
@@ -30,5 +32,15 @@ QBV_EXPORT void loopWillWait();
 QBV_EXPORT void loopDidWake();
 QBV_EXPORT void sendEvent(const std::function<void()>& handle);
 QBV_EXPORT void postEvent(std::function<void()> handle);
+
+// Classes of the host's own, below `superclass` ("NSObject" when that is null); the present one when the name
+// is taken. Their methods are functions R (*)(id self, SEL selector, arguments…) of any types:
+//
+//   using namespace qbv::literals;
+//   auto shape = qbv::host::defineClass("Shape").method("areaInUnit:", +[](id, SEL, double unit) { … });
+//   const double area = qbv::send<double>(shape.instance(), "areaInUnit:"_sel, 2.0);
+//
+// Sends go through the host's own import of objc_msgSend, so the method-time profiler sees them.
+QBV_EXPORT ClassDefinition defineClass(const char* name, Class superclass = nullptr);
 
 }  // namespace qbv::host

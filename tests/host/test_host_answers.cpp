@@ -77,4 +77,26 @@ TEST_F(HostAnswers, PostsNotificationsWithADictionaryAndRefusesAnythingElse) {
   EXPECT_TRUE(seen[1]["enable"].boolValue());
 }
 
+TEST_F(HostAnswers, ClassesOfAHostsOwnAnswerMessages) {
+  using namespace qbv::literals;
+  void* const base = qbv_host_define_class("Shape", nullptr);
+  void* const derived = qbv_host_define_class("Square", "Shape");
+  EXPECT_EQ(qbv_host_class("Square"), derived);
+  EXPECT_EQ(qbv_host_define_class("Lost", "NoSuchClass"), nullptr);
+  const auto addOne = +[](void*, const void*, int value) { return value + 1; };
+  EXPECT_EQ(qbv_host_add_method(base, "add:", reinterpret_cast<void (*)()>(addOne), "i@:i"), 0);
+  EXPECT_EQ(qbv_host_add_class_method(base, "add:", reinterpret_cast<void (*)()>(addOne), "i@:i"), 0);
+  EXPECT_EQ(qbv_host_add_method(nullptr, "add:", reinterpret_cast<void (*)()>(addOne), "i@:i"), -1);
+  const auto object = static_cast<qbv::id>(qbv_host_create_object(derived));
+  EXPECT_EQ(qbv_host_selector("add:"), "add:"_sel);
+  EXPECT_EQ(qbv::send<int>(object, "add:"_sel, 5), 6);
+  EXPECT_EQ(qbv::send<int>(static_cast<qbv::id>(derived), "add:"_sel, 6), 7)
+      << "the class itself answers too";
+  const auto cpp = qbv::host::defineClass("Cube", static_cast<qbv::Class>(derived))
+                       .method(
+                           "areaInUnit:", +[](qbv::id, qbv::SEL, double unit) { return 6 / unit; });
+  EXPECT_EQ(qbv::send<double>(cpp.instance(), "areaInUnit:"_sel, 2.0), 3);
+  EXPECT_EQ(qbv::send<int>(cpp.instance(), "add:"_sel, 1), 2);
+}
+
 }  // namespace
