@@ -86,7 +86,8 @@ void qbv_host_post_event(void (*handle)(void* context), void* context);
  * objc_msgSend, cast to the method's type with the receiver and the selector in front:
  *
  *   typedef int (*Add)(void* self, const void* selector, int value);
- *   int sum = ((Add)objc_msgSend)(object, qbv_host_selector("add:"), 5);
+ *   Add add = (Add)(void (*)(void))objc_msgSend;
+ *   int sum = add(object, qbv_host_selector("add:"), 5);
  *
  * On x86-64 a method that returns a structure of more than 16 bytes is sent by objc_msgSend_stret. nil
  * answers 0; an object without such a method ends the process. */
@@ -101,9 +102,9 @@ int qbv_host_add_class_method(void* cls, const char* selector, void (*method)(vo
 /* A new object without fields that is never freed. */
 void* qbv_host_create_object(void* cls);
 #ifndef __cplusplus
-void objc_msgSend(void);
+void* objc_msgSend(void* receiver, const void* selector, ...);
 #if defined(__x86_64__)
-void objc_msgSend_stret(void);
+void objc_msgSend_stret(void* result, void* receiver, const void* selector, ...);
 #endif
 #endif
 
