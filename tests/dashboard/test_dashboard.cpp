@@ -61,7 +61,7 @@ TEST_F(DashboardTest, StandsAtTheScreensRightEdgeAndTakesNoFocus) {
   EXPECT_EQ(window().traits, expected);
 }
 
-TEST_F(DashboardTest, BuildsItsElementsAsDescribedWhicheverIsAskedForFirst) {
+TEST_F(DashboardTest, BuildsItsElementsOnceWhicheverIsAskedForFirst) {
   const auto button = dashboard->dashboardButton();
   const auto gauge = dashboard->memoryWaveView();
   EXPECT_EQ(button->superview(), gauge.get());
