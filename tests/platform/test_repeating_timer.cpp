@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "vitalscope/platform/repeating_timer.h"
@@ -14,8 +15,14 @@ namespace {
 
 class RepeatingTimerTest : public ::testing::Test {
  protected:
-  RepeatingTimer* timerOf(Block tick) { return new RepeatingTimer("a.queue", 2.0, std::move(tick)); }
+  RepeatingTimer* timerOf(Block tick) {
+    made_ = std::make_unique<RepeatingTimer>("a.queue", 2.0, std::move(tick));
+    return made_.get();
+  }
   ScriptedPlatform scripted;
+
+ private:
+  std::unique_ptr<RepeatingTimer> made_;
 };
 
 TEST_F(RepeatingTimerTest, AnyIntervalIsUsableAndCountsFromTheNextStart) {
