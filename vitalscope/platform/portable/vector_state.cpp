@@ -17,7 +17,7 @@ extern "C" {
   unsigned a = 0, b = 0, c = 0, d = 0;
   unsigned bytes = kLegacyBytes;
   const bool systemSaves = __get_cpuid(1, &a, &b, &c, &d) != 0 && (c & bit_OSXSAVE) != 0;
-  if (systemSaves && __get_cpuid_max(0, nullptr) >= kExtended) {
+  if (systemSaves && static_cast<unsigned>(__get_cpuid_max(0, nullptr)) >= kExtended) {
     bytes += kHeaderBytes;
     for (const unsigned component : kComponents) {
       __cpuid_count(kExtended, component, a, b, c, d);
