@@ -70,7 +70,8 @@ bool LoadedImages::whileLoaded(const void* header, const std::function<void(std:
   bool used = false;
   hold([&] {
     const LoadedImage* const image = at(*index);
-    used = image != nullptr && image->has(header);
+    // Taking the list in may just have shown that it was closed and is being loaded again.
+    used = image != nullptr && image->has(header) && image->relocated.load(std::memory_order_acquire);
     if (used) use(*index);
   });
   return used;
