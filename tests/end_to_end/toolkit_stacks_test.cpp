@@ -74,10 +74,14 @@ class ToldHost {
     return stacks;
   }
 
-  // Until the main thread waits in this system call.
+  // Until the main thread waits in this system call, or goes on with it after the debugger let go.
   bool waitsIn(long call) const {
     const std::string file = "/proc/" + std::to_string(host_->pid()) + "/syscall";
-    return e2e::eventually([&] { return e2e::contentOf(file).starts_with(std::to_string(call) + " "); });
+    return e2e::eventually([&] {
+      const std::string line = e2e::contentOf(file);
+      return line.starts_with(std::to_string(call) + " ") ||
+             line.starts_with(std::to_string(SYS_restart_syscall) + " ");
+    });
   }
 
  private:

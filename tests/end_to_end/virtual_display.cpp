@@ -24,14 +24,25 @@ std::string lineFrom(int descriptor) {
   return "";
 }
 
-VirtualDisplay::VirtualDisplay(const std::string& name) {
+namespace {
+
+// A server that looks for a free number by itself may come to one that another is just taking, and both go on
+// with it.
+std::string ownName() {
+  static int made = 0;
+  return ":" + std::to_string(21000 + getpid() % 30000 + 40000 * made++);
+}
+
+}  // namespace
+
+VirtualDisplay::VirtualDisplay(const std::string& given) {
+  const std::string name = given.empty() ? ownName() : given;
   int report[2];
   if (pipe(report) != 0) return;
   fcntl(report[0], F_SETFD, FD_CLOEXEC);
   const std::string number = std::to_string(report[1]);
-  const char* const words[] = {"Xvfb",      "-displayfd", number.c_str(),
-                               "-nolisten", "tcp",        name.empty() ? nullptr : name.c_str(),
-                               nullptr};
+  const char* const words[] = {"Xvfb", "-displayfd", number.c_str(), "-nolisten",
+                               "tcp",  name.c_str(), nullptr};
   if (posix_spawnp(&pid_, words[0], nullptr, nullptr, const_cast<char**>(words), environ) != 0) pid_ = -1;
   close(report[1]);
   const std::string line = lineFrom(report[0]);

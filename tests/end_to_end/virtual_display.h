@@ -7,7 +7,7 @@
 
 namespace e2e {
 
-// An X server without a screen, on a display number of its own choice unless it is given the name of one; it
+// An X server without a screen, on a display number that no other process takes unless it is given one; it
 // goes with the object.
 class VirtualDisplay {
  public:
