@@ -19,13 +19,17 @@ namespace {
 
 using Function = int (*)(int);
 
-void* gOriginal = nullptr;
+void* gOriginal = nullptr;  // images that come later store into it too
 std::atomic<int> gCalls{0};
+
+void* original() {
+  return std::atomic_ref(gOriginal).load(std::memory_order_acquire);
+}
 
 // Comes back to itself for ever if what was saved leads through a slot again.
 int hook(int value) {
   ++gCalls;
-  return reinterpret_cast<Function>(gOriginal)(value) + 1000;
+  return reinterpret_cast<Function>(original())(value) + 1000;
 }
 
 void* addressOf(Function function) {
@@ -72,7 +76,7 @@ TEST(LiveRebind, ReachesEverySlotAndSavesTheFunctionItself) {
   for (const char* kind : {"lazy", "now", "no_plt", "no_relro"}) modules.emplace_back(kind);
   EXPECT_EQ(modules[1].call("call_target", 1), 2);  // one is bound by a call, the others are not yet
   rebind("rebind_target", addressOf(hook), &gOriginal);
-  EXPECT_EQ(gOriginal, trueTarget());
+  EXPECT_EQ(original(), trueTarget());
   EXPECT_EQ(rebind_target(1), 1002);
   for (const Module& module : modules) {
     EXPECT_EQ(module.call("call_target", 1), 1002);
@@ -104,7 +108,7 @@ TEST(LiveRebind, AStandInOfTheExecutableIsNotSaved) {
   const volatile Function taken = rebind_target;
   EXPECT_EQ(taken(1), 2);
   rebind("rebind_target", addressOf(hook), &gOriginal);
-  EXPECT_EQ(gOriginal, trueTarget());
+  EXPECT_EQ(original(), trueTarget());
   EXPECT_EQ(module.call("call_target", 1), 1002);
 }
 
@@ -125,7 +129,7 @@ TEST(LiveRebind, ModulesThatArriveLaterAreReached) {
   rebind("rebind_target", addressOf(hook), &gOriginal);
   Module late("late");
   EXPECT_TRUE(becomes(late, 1002));
-  EXPECT_EQ(gOriginal, trueTarget());
+  EXPECT_EQ(original(), trueTarget());
   rebind("rebind_target", gOriginal);
   EXPECT_EQ(late.call("call_target", 1), 2);
 }
@@ -153,7 +157,7 @@ TEST(LiveRebind, LoadingWhileRebindingHarmsNeither) {
   for (int run = 0; run < 200; ++run) {
     rebind("rebind_target", addressOf(hook), &gOriginal);
     EXPECT_EQ(rebind_target(1), 1002);
-    EXPECT_EQ(gOriginal, trueTarget());
+    EXPECT_EQ(original(), trueTarget());
     rebind("rebind_target", gOriginal);
     EXPECT_EQ(rebind_target(1), 2);
   }
