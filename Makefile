@@ -56,11 +56,11 @@ soak: all
 
 format:
 	scripts/setup lint
-	clang-format -i $(SOURCES)
+	@clang-format -i $(SOURCES)
 
 format-check:
 	scripts/setup lint
-	clang-format --dry-run --Werror $(SOURCES)
+	@clang-format --dry-run --Werror $(SOURCES)
 
 lint: format-check
 	scripts/setup test

@@ -84,7 +84,7 @@ TEST(LiveRebind, ReachesEverySlotAndSavesTheFunctionItself) {
   }
   EXPECT_EQ(gCalls, 5);
 
-  rebind("rebind_target", gOriginal);
+  rebind("rebind_target", original());
   EXPECT_EQ(rebind_target(1), 2);
   for (const Module& module : modules) EXPECT_EQ(module.call("call_target", 1), 2);
   EXPECT_EQ(gCalls, 5);
@@ -93,11 +93,11 @@ TEST(LiveRebind, ReachesEverySlotAndSavesTheFunctionItself) {
 TEST(LiveRebind, ASecondRunSavesTheFunctionAgain) {
   const Module lazy("lazy");
   for (int run = 0; run < 3; ++run) {
-    gOriginal = nullptr;
+    std::atomic_ref(gOriginal).store(nullptr);
     rebind("rebind_target", addressOf(hook), &gOriginal);
-    ASSERT_EQ(gOriginal, trueTarget()) << run;
+    ASSERT_EQ(original(), trueTarget()) << run;
     EXPECT_EQ(lazy.call("call_target", 1), 1002);
-    rebind("rebind_target", gOriginal);
+    rebind("rebind_target", original());
     EXPECT_EQ(lazy.call("call_target", 1), 2);
   }
 }
@@ -130,7 +130,7 @@ TEST(LiveRebind, ModulesThatArriveLaterAreReached) {
   Module late("late");
   EXPECT_TRUE(becomes(late, 1002));
   EXPECT_EQ(original(), trueTarget());
-  rebind("rebind_target", gOriginal);
+  rebind("rebind_target", original());
   EXPECT_EQ(late.call("call_target", 1), 2);
 }
 
@@ -158,7 +158,7 @@ TEST(LiveRebind, LoadingWhileRebindingHarmsNeither) {
     rebind("rebind_target", addressOf(hook), &gOriginal);
     EXPECT_EQ(rebind_target(1), 1002);
     EXPECT_EQ(original(), trueTarget());
-    rebind("rebind_target", gOriginal);
+    rebind("rebind_target", original());
     EXPECT_EQ(rebind_target(1), 2);
   }
   over = true;
