@@ -33,6 +33,9 @@ class HandlerKeeper final : public qbv::Dispatch {
   }
   void dispatch_resume(const qbv::DispatchTimerRef&) override {}
   void dispatch_source_cancel(const qbv::DispatchTimerRef&) override {}
+  qbv::DispatchThreadRef startThread(const std::string& name, qbv::Block entry) override {
+    return real_.startThread(name, std::move(entry));
+  }
 
   qbv::Block tick;
 
@@ -58,9 +61,10 @@ double nanosecondsOf(int times, const auto& action) {
 void idleTick(benchmark::State& state) {
   const qbv::Platform& real = qbv::linux_backend::platform();
   HandlerKeeper keeper(real.dispatch);
-  const qbv::ScopedPlatform scope(*new qbv::Platform{
-      real.task, real.images, real.runtime, keeper, real.runLoop, real.notifications, real.processes,
-      real.files, real.clock, real.dates, real.log, real.hostInfo, real.allocator});
+  const qbv::ScopedPlatform scope(
+      *new qbv::Platform{real.task, real.images, real.runtime, keeper, real.runLoop, real.notifications,
+                         real.processes, real.files, real.clock, real.dates, real.log, real.hostInfo,
+                         real.allocator, real.devices, real.windows});
   QBVitalscopeANRMonitor& monitor = *new QBVitalscopeANRMonitor;
   real.notifications.defaultCenter().post(qbv::NSApplicationDidBecomeActiveNotification);
   monitor.start();
