@@ -74,7 +74,8 @@ QBStacksHashmap* QBAllocateMemoryMonitor::oom_stacks_hashmap() {
 }
 
 std::string QBAllocateMemoryMonitor::log_path() {
-  return qbv::stackStore().log_path;
+  const std::string* const path = qbv::stackStore().log_path;
+  return path != nullptr ? *path : std::string();
 }
 
 std::int64_t QBAllocateMemoryMonitor::topAllocSize() {

@@ -45,7 +45,7 @@ void makeStackStore(const std::string& logPath, std::uint64_t sizeThreshold) {
   auto* const store = new StackStore;
   store->global_memory_zone = zone;
   store->oom_ptrs_hashmap = new QBPtrsHashmap(QBBaseHashmap::kPtrsBuckets, zone);
-  store->log_path = logPath;
+  store->log_path = new std::string(logPath);
   store->oom_stacks_hashmap =
       new QBStacksHashmap(QBBaseHashmap::kStacksBuckets, zone, logPath, sizeThreshold);
   made.store(store, std::memory_order_release);

@@ -23,7 +23,7 @@ struct StackStore {
   MallocZone* global_memory_zone = nullptr;
   QBPtrsHashmap* oom_ptrs_hashmap = nullptr;
   QBStacksHashmap* oom_stacks_hashmap = nullptr;
-  std::string log_path;
+  const std::string* log_path = nullptr;
 };
 const StackStore& stackStore() noexcept;
 // Makes it, with the stack file at this path. Once.

@@ -1,7 +1,6 @@
 #include "vitalscope/platform/views.h"
 
 #include <algorithm>
-#include <ranges>
 #include <utility>
 
 namespace qbv {
@@ -66,8 +65,8 @@ void NSView::mouseUp(const NSEvent& event) {
 NSView* NSView::hitTest(NSPoint point) {
   if (!frame_.contains(point)) return nullptr;
   const NSPoint inside{point.x - frame_.origin.x, point.y - frame_.origin.y};
-  for (const auto& view : std::views::reverse(subviews_))
-    if (NSView* const hit = view->hitTest(inside)) return hit;
+  for (auto view = subviews_.rbegin(); view != subviews_.rend(); ++view)
+    if (NSView* const hit = (*view)->hitTest(inside)) return hit;
   return this;
 }
 
