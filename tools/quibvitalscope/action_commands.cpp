@@ -78,7 +78,9 @@ int tellUploads(const Value& before, const Value& after) {
 
 int upload(const Options& options) {
   std::string error;
-  const auto [client, before] = reach(options.process, error);
+  const auto reached = reach(options.process, error);
+  const auto& client = reached.client;
+  const Value& before = reached.status;
   if (!client) return fail(kExitFailure, error);
   const std::string process = "process " + std::to_string(options.process);
   if (before[control::kUploads].isNil())
