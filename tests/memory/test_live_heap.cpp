@@ -17,6 +17,7 @@
 
 #include "vitalscope/memory/QBAllocateMemoryMonitor.h"
 #include "vitalscope/platform/platform.h"
+#include "vitalscope/platform/scripted/scripted_platform.h"
 
 namespace {
 
@@ -42,9 +43,19 @@ class LiveHeapTest : public ::testing::Test {
   static std::int64_t count() {
     return QBAllocateMemoryMonitor::currentAllocMemoryLiveCount();
   }
+  // No timer fires from now on, so that nobody but the test allocates.
+  static void holdTimers() {
+    auto& held = *new qbv::ScriptedPlatform;
+    const qbv::Platform& real = qbv::linux_backend::platform();
+    new qbv::ScopedPlatform(*new qbv::Platform{real.task, real.images, real.runtime, held.dispatch,
+                                               real.runLoop, real.notifications, real.processes, real.files,
+                                               real.clock, real.dates, real.log, real.hostInfo,
+                                               real.allocator, real.devices, real.windows});
+  }
 };
 
 TEST_F(LiveHeapTest, CountsWhatThisProcessAllocates) {
+  holdTimers();
   std::vector<void*> blocks;
   blocks.reserve(1000);
   void* const fromBefore = allocate(10);
