@@ -65,6 +65,7 @@ class QBV_EXPORT Runtime {
 };
 
 namespace detail {
+// NOLINTBEGIN(bugprone-branch-clone): in a template every branch but one looks alike
 template <class T>
 constexpr const char* typeEncoding() {
   if constexpr (std::is_void_v<T>)
@@ -102,6 +103,7 @@ constexpr const char* typeEncoding() {
   else
     static_assert(sizeof(T) == 0, "no encoding for this type");
 }
+// NOLINTEND(bugprone-branch-clone)
 template <class R, class... Args>
 std::string methodEncoding() {
   return (std::string(typeEncoding<R>()) + "@:" + ... + typeEncoding<Args>());

@@ -38,7 +38,7 @@ struct ThreadState {
   std::uint32_t cpsr = 0;
   std::uint32_t pad = 0;
 };
-static_assert(sizeof(ThreadState) == 68 * 4);
+static_assert(sizeof(ThreadState) == std::size_t{68} * 4);
 
 struct TaskVmInfo {
   std::uint64_t phys_footprint = 0;  // bytes

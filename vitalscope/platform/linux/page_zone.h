@@ -23,7 +23,7 @@ class PageZone final : public MallocZone {
   // For pages that are mapped from now on as well.
   void setName(const char* name);
 
-  static constexpr std::size_t kLargestSmall = 16 * 1024;
+  static constexpr std::size_t kLargestSmall = std::size_t{16} * 1024;
 
  private:
   static constexpr std::size_t kFineClasses = 32;  // 16 to 512 in steps of 16
