@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <new>
@@ -64,7 +65,7 @@ int LoadedImages::takeInObject(dl_phdr_info* info, std::size_t, void* argument) 
 bool LoadedImage::is(const dl_phdr_info& info, const ElfObject& found, bool first) const {
   return object.slide == found.slide && object.mapped.start == found.mapped.start &&
          object.layout == found.layout && object.buildId == found.buildId && executable == first &&
-         (executable || std::strcmp(name, info.dlpi_name) == 0);
+         (executable || name == loaderName(info));
 }
 
 void LoadedImages::meet(Scan& scan, const dl_phdr_info& info) {
@@ -97,16 +98,16 @@ LoadedImage* LoadedImages::placed(Scan& scan, const dl_phdr_info& info, const El
   return nullptr;
 }
 
-const char* LoadedImages::keep(const char* text) {
-  const std::size_t size = std::strlen(text) + 1;
-  void* const kept = arena_.take(size);
-  return kept != nullptr ? static_cast<const char*>(std::memcpy(kept, text, size)) : nullptr;
+const char* LoadedImages::keep(std::string_view text) {
+  char* const kept = static_cast<char*>(arena_.take(text.size() + 1));
+  if (kept != nullptr) *std::ranges::copy(text, kept).out = '\0';
+  return kept;
 }
 
 LoadedImage* LoadedImages::make(const dl_phdr_info& info, const ElfObject& object, bool executable) {
   char path[PATH_MAX] = "";
   if (executable) executablePath(path);
-  const char* const name = keep(executable ? path : info.dlpi_name);
+  const char* const name = keep(executable ? std::string_view(path) : loaderName(info));
   const std::size_t size = descriptionSize(object, {});
   auto* const block = static_cast<std::byte*>(arena_.take(size));
   void* const memory = arena_.take(sizeof(LoadedImage));

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <span>
+#include <string_view>
 
 #include "vitalscope/platform/images.h"
 #include "vitalscope/platform/linux/elf_object.h"
@@ -80,7 +81,7 @@ class LoadedImages final : public Images {
   static int takeInObject(dl_phdr_info* info, std::size_t size, void* scan);
   void meet(Scan& scan, const dl_phdr_info& info);
   LoadedImage* placed(Scan& scan, const dl_phdr_info& info, const ElfObject& object);
-  const char* keep(const char* text);
+  const char* keep(std::string_view text);
   LoadedImage* make(const dl_phdr_info& info, const ElfObject& object, bool executable);
   void settle(Scan& scan);
   void beginArrival(LoadedImage& image);

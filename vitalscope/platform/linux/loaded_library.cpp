@@ -16,7 +16,7 @@ struct Search {
 
 int takePath(dl_phdr_info* info, std::size_t, void* data) {
   auto& search = *static_cast<Search*>(data);
-  const std::string_view path = info->dlpi_name != nullptr ? info->dlpi_name : "";
+  const std::string_view path = loaderName(*info);
   if (!path.substr(path.rfind('/') + 1).starts_with(search.prefix) || path.size() >= PATH_MAX) return 0;
   std::ranges::copy(path, search.path);
   return 1;

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace qbv::linux_backend {
 
@@ -13,6 +14,10 @@ namespace qbv::linux_backend {
 // wait for forks under way, at most as long. Any thread, not in signal handlers; visit must neither fork nor
 // wait for another thread.
 int visitLoadedImages(int (*visit)(dl_phdr_info* info, std::size_t size, void* data), void* data);
+
+// What the loader calls a visited image, empty when it has no name. Belongs to the loader: for the visit
+// only.
+std::string_view loaderName(const dl_phdr_info& info);
 
 // How many images the loader has added to its list and taken from it so far. An image may be counted before
 // its constructors have run. About 50 ns, without asking the loader to load or look up anything. As above.
