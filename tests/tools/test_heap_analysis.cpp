@@ -84,6 +84,32 @@ TEST_F(HeapAnalysis, BlocksKeepOthersAndLostOnesAreCountedWithTheirRoot) {
   EXPECT_FALSE(leaked[4].isRoot);
 }
 
+// A pattern of 2 members with room for 16, and a set of 2 leaves, as the font library keeps them.
+TEST_F(HeapAnalysis, DistancesFromFontStructuresLeadToBlocksToo) {
+  const Address pattern = heap.allocate(32);
+  const Address members = heap.allocate(16 * 16 + 16);
+  const Address value = heap.allocate(48);
+  const Address characters = heap.allocate(32);
+  const Address leaves = heap.allocate(32);
+  const Address numbers = heap.allocate(32);
+  const Address leaf[] = {heap.allocate(48), heap.allocate(48)};
+  keep(pattern);
+  heap.set(pattern, 2 | Address{16} << 32);
+  heap.set(pattern + 8, members - pattern);
+  heap.set(members + 8, value);
+  heap.set(members + 24, characters);
+  heap.set(characters, 1 | Address{2} << 32);
+  heap.set(characters + 8, leaves - characters);
+  heap.set(characters + 16, numbers - characters);
+  heap.set(leaves, leaf[0] - leaves);
+  heap.set(leaves + 8, leaf[1] - leaves);
+  EXPECT_THAT(leakedIn(heap), IsEmpty());
+  heap.set(leaves + 8, leaf[1] + 8 - leaves);
+  EXPECT_THAT(leakedIn(heap), ElementsAre(leaves, numbers, leaf[0], leaf[1])) << "leads into a block";
+  heap.set(pattern, 2 | Address{17} << 32);
+  EXPECT_EQ(leakedIn(heap).size(), 7u) << "no room for so many members";
+}
+
 TEST_F(HeapAnalysis, AMappedBlockIsLostLikeAnyOther) {
   heap.set(SyntheticHeap::kVariables, 0);
   EXPECT_THAT(leakedIn(heap), ElementsAre(heap.mappedBlock()));

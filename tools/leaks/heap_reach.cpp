@@ -3,9 +3,19 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "tools/leaks/heap_distances.h"
+
 namespace leaks {
 
 namespace {
+
+// Calls `take` with every word of the block's content that may lead to others, and with what it means by
+// distances.
+template <class Take>
+void forEachPointer(const Memory& memory, const Heap& heap, const Chunk& chunk, Take take) {
+  memory.forEachWord({chunk.content(), chunk.contentEnd()}, [&](Address, std::uint64_t word) { take(word); });
+  for (const Address target : distantTargets(memory, heap, chunk)) take(target);
+}
 
 class Marker {
  public:
@@ -28,8 +38,7 @@ class Marker {
     while (!pending_.empty()) {
       const Chunk& chunk = heap_.chunks[pending_.back()];
       pending_.pop_back();
-      memory_.forEachWord({chunk.content(), chunk.contentEnd()},
-                          [this](Address, std::uint64_t word) { take(word); });
+      forEachPointer(memory_, heap_, chunk, [this](std::uint64_t word) { take(word); });
     }
   }
 
@@ -80,8 +89,7 @@ class LeakGraph {
  private:
   template <class Take>
   void forEachTarget(std::size_t place, Take take) const {
-    const Chunk& chunk = heap_.chunks[chunks_[place]];
-    memory_.forEachWord({chunk.content(), chunk.contentEnd()}, [&](Address, std::uint64_t word) {
+    forEachPointer(memory_, heap_, heap_.chunks[chunks_[place]], [&](std::uint64_t word) {
       const std::size_t index = heap_.chunkAt(word);
       if (index == Heap::npos) return;
       if (const auto found = placeOf_.find(index); found != placeOf_.end()) take(found->second);
