@@ -174,14 +174,16 @@ TEST_F(DashboardTest, AShortClickOpensTheNewestReport) {
   EXPECT_THAT(scripted.processes.openedFiles(), IsEmpty()) << "there is no report";
   const std::string folder = QBVitalscopeReport::sharedInstance()->localLogFolderRootPath() + "/freeze/light";
   scripted.files.createDirectory(folder);
-  for (const char* const name : {"/b.hang", "/a.hang", "/newer.txt"}) {
+  for (const char* const name :
+       {"/quibapp_stuck_2.hang", "/quibapp_stuck_1.hang", "/quibapp_stuck_1_sample.hang",
+        "/2026_11_23_inspect_info_record.hang", "/quibapp_newer.txt"}) {
     scripted.files.writeAtomically(folder + name, "text");
     scripted.clock.advance(60);
   }
   click(0.5);
   EXPECT_THAT(scripted.processes.openedFiles(), IsEmpty()) << "that was no click";
   click(0.19);
-  EXPECT_THAT(scripted.processes.openedFiles(), ElementsAre(folder + "/a.hang"));
+  EXPECT_THAT(scripted.processes.openedFiles(), ElementsAre(folder + "/quibapp_stuck_1.hang"));
 }
 
 TEST_F(DashboardTest, HidesWhenItsDisplayIsGoneAndShowsOnTheNextToggle) {
