@@ -94,10 +94,12 @@ int upload(const Options& options) {
   };
   if (!comesTrue(requested, seconds(3)))
     return fail(kExitFailure, process + " has no hang reports that could be uploaded");
+  // The levels are asked for one after the other: the end is there when one more look finds nothing new.
   comesTrue(
-      [&] {
+      [&, seen = std::int64_t{0}]() mutable {
         now = client->status(error).value_or(now);
-        return count(now, "done") + count(now, "failed") >= count(now, "requested");
+        const std::int64_t asked = count(now, "requested");
+        return count(now, "done") + count(now, "failed") >= asked && std::exchange(seen, asked) == asked;
       },
       kPatience);
   return tellUploads(before, now);
