@@ -138,7 +138,12 @@ struct Node {
   char text[40];
 };
 
-// A chain of four, a ring of three, and one block that a word to its next neighbour's header does not keep.
+struct Drawing {
+  virtual ~Drawing() = default;
+  void* shapes[10] = {};
+};
+
+// A chain of four, a ring of three, and an object with virtual functions.
 [[gnu::noinline]] void loseStructures() {
   Lost& lost = lostBy[0];
   Node* chain = nullptr;
@@ -152,6 +157,7 @@ struct Node {
     chain = node;
     lost.add(node);
   }
+  lost.add(new Drawing);
 }
 
 thread_local void* volatile heldByThread = nullptr;
@@ -224,7 +230,14 @@ const std::map<std::string, std::function<void()>> kModes = {
     {"ended", [] { letThreadsEnd(); }},
     {"busy", [] { keepAllocating(); }},
     {"break", [] { takeTheSystemsBreak(); }},
+    {"headless", [] { loseSomeOfMany(4000, 40); }},
 };
+
+[[noreturn]] void answer() {
+  for (char request; read(STDIN_FILENO, &request, 1) == 1;)
+    if (write(STDOUT_FILENO, "alive\n", 6) != 6) break;
+  _exit(0);
+}
 
 }  // namespace
 
@@ -237,7 +250,7 @@ int main(int argc, char** argv) {
   if (mode->first == "odd" || mode->first == "structures" || mode->first == "break") lostBy[0].print();
   std::printf("ready\n");
   std::fflush(stdout);
-  for (char request; read(STDIN_FILENO, &request, 1) == 1;)
-    if (write(STDOUT_FILENO, "alive\n", 6) != 6) break;
-  _exit(0);
+  if (mode->first != "headless") answer();
+  std::thread(answer).detach();
+  pthread_exit(nullptr);
 }

@@ -296,7 +296,11 @@ TEST_F(HeapAnalysis, TheReportShowsKindsAndContentAndStaysShort) {
   EXPECT_THAT(text, HasSubstr("... and 201 more roots\n"));
   EXPECT_LT(std::count(text.begin(), text.end(), '\n'), 400);
   report.isWhole = true;
+  report.nameOf = [](Address address) {
+    return address == SyntheticHeap::kLibrary + 0x1238 ? "vtable for Thing" : "";
+  };
   text = leaks::renderLeaks(report, snapshot);
+  EXPECT_THAT(text, HasSubstr("  56 bytes  libc.so.6+0x1238  vtable for Thing\n"));
   EXPECT_EQ(text.find("more roots"), std::string::npos);
   report.analysis.leaked.clear();
   EXPECT_THAT(leaks::renderLeaks(report, snapshot), HasSubstr("\n0 leaks for 0 total leaked bytes.\n"));

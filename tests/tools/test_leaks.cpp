@@ -164,6 +164,7 @@ TEST(LeaksTool, FindsEveryKindOfBlockAndTheStructuresTheyMake) {
   EXPECT_THAT(outcome.text, HasSubstr("56 bytes, holds 3 more blocks of 168 bytes"));
   EXPECT_THAT(outcome.text, HasSubstr("56 bytes, holds 2 more blocks of 112 bytes"));
   EXPECT_THAT(outcome.text, HasSubstr("head of |"));
+  EXPECT_THAT(outcome.text, HasSubstr("  vtable for (anonymous namespace)::Drawing\n"));
 }
 
 TEST(LeaksTool, SeesPointersInRegistersAndThreadLocalStorage) {
@@ -207,6 +208,14 @@ TEST(LeaksTool, TheProcessRunsOnWheneverTheToolIsKilled) {
   EXPECT_EQ(check(victim).code, 0);
 }
 
+TEST(LeaksTool, ReadsAProcessWhoseFirstThreadHasEnded) {
+  const Victim victim({"headless"});
+  const Outcome outcome = check(victim);
+  EXPECT_EQ(outcome.code, 0) << outcome.errors;
+  EXPECT_LE(difference(victim.lost(), outcome.found).size(), 8u);
+  EXPECT_THAT(difference(outcome.found, victim.lost()), IsEmpty());
+}
+
 TEST(LeaksTool, RefusesTheHeapOfAnotherAllocator) {
   const Victim victim({}, QBV_LEAKS_FOREIGN_VICTIM);
   const Outcome outcome = check(victim);
@@ -222,6 +231,14 @@ TEST(LeaksTool, SaysWhyItCannot) {
   outcome = check("4194304");
   EXPECT_EQ(outcome.code, 1);
   EXPECT_THAT(outcome.errors, HasSubstr("there is no process 4194304"));
+  const pid_t ended = fork();
+  if (ended == 0) _exit(0);
+  siginfo_t ending;
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(ended), &ending, WEXITED | WNOWAIT), 0);
+  outcome = check(std::to_string(ended));
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_THAT(outcome.errors, HasSubstr("process " + std::to_string(ended) + " has ended"));
+  waitpid(ended, nullptr, 0);
 }
 
 #if defined(QBV_SANITIZED)

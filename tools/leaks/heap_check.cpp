@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <optional>
@@ -9,6 +10,7 @@
 #include "tools/leaks/known_library.h"
 #include "tools/leaks/leak_report.h"
 #include "tools/leaks/process_reader.h"
+#include "tools/leaks/symbols.h"
 #include "tools/tracer/process_facts.h"
 #include "tools/tracer/tracer.h"
 
@@ -44,9 +46,20 @@ class SignalsBlocked {
 
 class Check {
  public:
-  Check(pid_t process, bool isWhole) : process_(process), reader_(process) { report_.isWhole = isWhole; }
+  Check(pid_t process, bool isWhole)
+      : process_(process), memoryOf_(tracer::livingThread(process)), reader_(memoryOf_), symbols_(memoryOf_) {
+    report_.isWhole = isWhole;
+    report_.nameOf = [this](Address address) { return symbols_.nameOf(address); };
+  }
 
   std::string run(std::string& text) {
+    std::string failure = examine(text);
+    const bool isGone = memoryOf_ != 0 && tracer::livingThread(process_) == 0;
+    return failure.empty() || !isGone ? failure : "process " + std::to_string(process_) + " has ended";
+  }
+
+ private:
+  std::string examine(std::string& text) {
     if (std::string failure = recognise(); !failure.empty()) return failure;
     if (std::string failure = pass(); !failure.empty()) return failure;
     if (!report_.analysis.leaked.empty()) {
@@ -59,25 +72,24 @@ class Check {
     return "";
   }
 
- private:
   // While the process runs: who it is, and whether its heap can be read at all.
   std::string recognise() {
     const std::string folder = "/proc/" + std::to_string(process_);
     report_.processId = static_cast<std::uint32_t>(process_);
     report_.process = tracer::firstLine(folder + "/comm");
-    report_.executable = tracer::linkTarget(folder + "/exe");
+    report_.executable = tracer::linkTarget("/proc/" + std::to_string(memoryOf_) + "/exe");
     report_.date = tracer::localDate();
     {
       const SignalsBlocked blocked;
       tracer::Tracer tracer(process_);
       if (std::string failure = tracer.attach(); !failure.empty()) return failure;
     }
-    const std::vector<Mapping> mappings = mappingsOf(process_);
+    const std::vector<Mapping> mappings = mappingsOf(memoryOf_);
     if (const std::string other = foreignAllocator(mappings); !other.empty())
       return "the program's blocks come from " + other + ", whose heap is not recognised";
     const std::string library = libraryPath(mappings);
     if (library.empty()) return "the program uses no C library whose heap is recognised";
-    const std::string version = libraryVersion(process_, mappings, library);
+    const std::string version = libraryVersion(memoryOf_, mappings, library);
     if (!isKnownLibrary(version))
       return "the heap's layout of C library version " + (version.empty() ? "?" : version) +
              " is not recognised";
@@ -117,7 +129,7 @@ class Check {
       tracer.detach();
       const std::chrono::duration<double, std::milli> length = Clock::now() - begin;
       if (isCopied) {
-        if (running > 0) report_.note = std::to_string(running) + " threads could not be stopped";
+        report_.note = noteOn(running);
         report_.stoppedMilliseconds.push_back(length.count());
         return "";
       }
@@ -126,19 +138,30 @@ class Check {
     return "the heap cannot be read: a thread was inside the allocator at every attempt";
   }
 
+  // What makes the result less sure.
+  std::string noteOn(std::size_t running) const {
+    const auto tooLarge = std::count_if(snapshot_.mappings.begin(), snapshot_.mappings.end(), isTooLarge);
+    std::string note = running == 0 ? "" : std::to_string(running) + " threads could not be stopped";
+    if (tooLarge > 0)
+      note +=
+          (note.empty() ? "" : "; ") + std::to_string(tooLarge) +
+          " mappings of more than 16 GB were not looked at, and what only they point to is listed as lost";
+    return note;
+  }
+
   // Where the arenas' locks are, as far as can be told while the process runs.
   std::vector<Address> arenaLocks() const {
     constexpr std::size_t kMostArenas = 4096;
     std::vector<Address> locks;
-    const std::vector<Mapping> mappings = mappingsOf(process_);
+    const std::vector<Mapping> mappings = mappingsOf(memoryOf_);
     for (const Range& range : libraryData(mappings, libraryPath(mappings))) {
       std::vector<std::byte> bytes(static_cast<std::size_t>(range.size()));
-      if (!readMemory(process_, range.begin, bytes.data(), bytes.size())) continue;
+      if (!readMemory(memoryOf_, range.begin, bytes.data(), bytes.size())) continue;
       const Address main = likelyMainArena({range.begin, bytes.data(), bytes.size()});
       for (Address at = main; at != 0 && locks.size() < kMostArenas;) {
         locks.push_back(at + layout::kArenaLock);
         Address next = 0;
-        if (!readMemory(process_, at + layout::kArenaNext, &next, sizeof next) || next == main) break;
+        if (!readMemory(memoryOf_, at + layout::kArenaNext, &next, sizeof next) || next == main) break;
         at = next;
       }
     }
@@ -148,13 +171,15 @@ class Check {
   bool isAnyHeld(const std::vector<Address>& locks) const {
     for (const Address lock : locks) {
       std::uint32_t value = 0;
-      if (readMemory(process_, lock, &value, sizeof value) && value != 0) return true;
+      if (readMemory(memoryOf_, lock, &value, sizeof value) && value != 0) return true;
     }
     return false;
   }
 
   pid_t process_;
+  pid_t memoryOf_;  // a thread of it
   ProcessReader reader_;
+  Symbols symbols_;
   Snapshot snapshot_;
   LeakReport report_;
 };

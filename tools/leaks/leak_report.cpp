@@ -27,25 +27,33 @@ constexpr std::size_t kBytesInLine = 16;
   if (length > 0) text.append(line, std::min<std::size_t>(static_cast<std::size_t>(length), sizeof line - 1));
 }
 
-// "libc.so.6+0x1238"; "" for an address in no file's mapping.
+// "libc.so.6+0x1238"; "" for an address in no file's mapping. Counted from where the file's consecutive
+// mappings begin: an image's load address.
 std::string placeOf(const Memory& memory, Address address) {
   const Mapping* const mapping = memory.mappingOf(address);
   if (mapping == nullptr || mapping->anonymous || mapping->name.empty()) return "";
-  Address base = mapping->range.begin;
-  for (const Mapping& other : memory.snapshot().mappings)
-    if (other.name == mapping->name) {
-      base = other.range.begin;
-      break;
-    }
+  const Mapping* first = mapping;
+  while (first != memory.snapshot().mappings.data() && first[-1].name == first->name &&
+         first[-1].range.end == first->range.begin)
+    --first;
   char offset[32];
-  std::snprintf(offset, sizeof offset, "+0x%" PRIx64, address - base);
+  std::snprintf(offset, sizeof offset, "+0x%" PRIx64, address - first->range.begin + first->fileOffset);
   return mapping->name.substr(mapping->name.rfind('/') + 1) + offset;
 }
 
-// Objects with virtual functions begin with the address of their class's table, which tells their kind.
-std::string kindOf(const Memory& memory, const LeakedBlock& block) {
-  const auto first = memory.word(block.address);
-  return first && *first % 8 == 0 ? placeOf(memory, *first) : "";
+// Objects with virtual functions begin with the address of their class's table, which tells their kind. 0
+// when the first word leads into no file's mapping.
+Address kindOf(const Memory& memory, const LeakedBlock& block) {
+  const Address first = memory.word(block.address).value_or(0);
+  return first % 8 == 0 && !placeOf(memory, first).empty() ? first : 0;
+}
+
+// "gallery+0x4d48  vtable for Thumbnail". `called`: where its function or variable is looked for; the address
+// itself, except for a return address.
+std::string described(const Memory& memory, const LeakReport& report, Address address, Address called) {
+  const std::string place = placeOf(memory, address);
+  const std::string name = place.empty() ? "" : report.nameOf(called);
+  return place + (name.empty() ? "" : "  ") + name;
 }
 
 void appendHeader(std::string& text, const LeakReport& report, const StackStore& stacks) {
@@ -67,18 +75,18 @@ void appendHeader(std::string& text, const LeakReport& report, const StackStore&
 
 struct Group {
   Address size = 0;
-  std::string kind;
+  Address kind = 0;
   std::size_t count = 0;
   std::size_t roots = 0;
 };
 
 std::vector<Group> groupsOf(const Memory& memory, const std::vector<LeakedBlock>& leaked) {
-  std::map<std::pair<Address, std::string>, Group> byKind;
+  std::map<std::pair<Address, Address>, Group> byKind;
   for (const LeakedBlock& block : leaked) {
-    std::string kind = kindOf(memory, block);
+    const Address kind = kindOf(memory, block);
     Group& group = byKind[{block.size, kind}];
     group.size = block.size;
-    group.kind = std::move(kind);
+    group.kind = kind;
     ++group.count;
     group.roots += block.isRoot ? 1 : 0;
   }
@@ -89,35 +97,38 @@ std::vector<Group> groupsOf(const Memory& memory, const std::vector<LeakedBlock>
   return groups;
 }
 
-void appendGroups(std::string& text, const std::vector<Group>& groups) {
+void appendGroups(std::string& text, const Memory& memory, const LeakReport& report) {
+  const std::vector<Group> groups = groupsOf(memory, report.analysis.leaked);
   text += "\nGroups by size and kind, most bytes first:\n";
   append(text, "%10s %14s %12s %10s  %s\n", "blocks", "bytes", "block size", "roots", "first word");
   for (std::size_t i = 0; i < groups.size() && i < kMostGroups; ++i) {
     const Group& group = groups[i];
-    append(text, "%10zu %14" PRIu64 " %12" PRIu64 " %10zu  %s\n", group.count, group.count * group.size,
-           group.size, group.roots, group.kind.c_str());
+    append(text, "%10zu %14" PRIu64 " %12" PRIu64 " %10zu  ", group.count, group.count * group.size,
+           group.size, group.roots);
+    text += described(memory, report, group.kind, group.kind) + "\n";
   }
   if (groups.size() > kMostGroups) append(text, "... and %zu more groups\n", groups.size() - kMostGroups);
 }
 
-void appendStack(std::string& text, const Memory& memory, const StackStore& stacks, std::uint64_t id) {
+void appendStack(std::string& text, const Memory& memory, const LeakReport& report, const StackStore& stacks,
+                 std::uint64_t id) {
   const std::vector<Address> frames = stacks.frames(id);
   if (frames.empty()) text += "    too little is alive of it to be in the stack file\n";
   for (std::size_t i = 0; i < frames.size(); ++i) {
-    const std::string place = placeOf(memory, frames[i]);
-    append(text, "    %-3zu 0x%016" PRIx64 "  %s\n", i, frames[i], place.c_str());
+    append(text, "    %-3zu 0x%016" PRIx64 "  ", i, frames[i]);
+    text += described(memory, report, frames[i], frames[i] - 1) + "\n";
   }
 }
 
-void appendStacks(std::string& text, const Memory& memory, const StackStore& stacks,
-                  const std::vector<LeakedBlock>& leaked) {
+void appendStacks(std::string& text, const Memory& memory, const LeakReport& report,
+                  const StackStore& stacks) {
   struct Sum {
     std::uint64_t id = 0;
     std::size_t blocks = 0;
     Address bytes = 0;
   };
   std::map<std::uint64_t, Sum> byId;
-  for (const LeakedBlock& block : leaked)
+  for (const LeakedBlock& block : report.analysis.leaked)
     if (const auto id = stacks.stackOf(block.address, block.size)) {
       Sum& sum = byId[*id];
       sum = {*id, sum.blocks + 1, sum.bytes + block.size};
@@ -130,7 +141,7 @@ void appendStacks(std::string& text, const Memory& memory, const StackStore& sta
   for (std::size_t i = 0; i < sums.size() && i < kMostStacks; ++i) {
     append(text, "stack 0x%" PRIx64 ": %zu blocks, %" PRIu64 " bytes\n", sums[i].id, sums[i].blocks,
            sums[i].bytes);
-    appendStack(text, memory, stacks, sums[i].id);
+    appendStack(text, memory, report, stacks, sums[i].id);
   }
   if (sums.size() > kMostStacks) append(text, "... and %zu more stacks\n", sums.size() - kMostStacks);
 }
@@ -156,7 +167,9 @@ void appendContent(std::string& text, const Memory& memory, const LeakedBlock& b
   }
 }
 
-void appendBlocks(std::string& text, const Memory& memory, std::vector<LeakedBlock> leaked, bool isWhole) {
+void appendBlocks(std::string& text, const Memory& memory, const LeakReport& report) {
+  const bool isWhole = report.isWhole;
+  std::vector<LeakedBlock> leaked = report.analysis.leaked;
   if (!isWhole) std::erase_if(leaked, [](const LeakedBlock& block) { return !block.isRoot; });
   const std::size_t most = isWhole ? leaked.size() : kMostBlocks;
   std::stable_sort(leaked.begin(), leaked.end(), [](const LeakedBlock& a, const LeakedBlock& b) {
@@ -169,8 +182,10 @@ void appendBlocks(std::string& text, const Memory& memory, std::vector<LeakedBlo
     const LeakedBlock& block = leaked[i];
     append(text, "0x%" PRIx64 "  %" PRIu64 " bytes", block.address, block.size);
     if (block.contained > 0)
-      append(text, ", holds %zu more blocks of %" PRIu64 " bytes", block.contained, block.containedBytes);
-    const std::string kind = kindOf(memory, block);
+      append(text, ", holds %zu more block%s of %" PRIu64 " bytes", block.contained,
+             block.contained == 1 ? "" : "s", block.containedBytes);
+    const Address first = kindOf(memory, block);
+    const std::string kind = described(memory, report, first, first);
     text += (kind.empty() ? "" : "  " + kind) + "\n";
     appendContent(text, memory, block);
   }
@@ -189,9 +204,9 @@ std::string renderLeaks(const LeakReport& report, const Snapshot& snapshot) {
   for (const LeakedBlock& block : leaked) bytes += block.size;
   append(text, "\n%zu leaks for %" PRIu64 " total leaked bytes.\n", leaked.size(), bytes);
   if (leaked.empty()) return text;
-  appendGroups(text, groupsOf(memory, leaked));
-  appendStacks(text, memory, stacks, leaked);
-  appendBlocks(text, memory, leaked, report.isWhole);
+  appendGroups(text, memory, report);
+  appendStacks(text, memory, report, stacks);
+  appendBlocks(text, memory, report);
   return text;
 }
 

@@ -1,6 +1,7 @@
 // The report of a leak check as text.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,8 @@ struct LeakReport {
   std::string note;
   bool isWhole = false;  // list every block, not only the largest roots
   Analysis analysis;
+  // Name of the function or variable that an address of the process lies in; "" where it is not known.
+  std::function<std::string(Address)> nameOf = [](Address) { return ""; };
 };
 
 // Content, kinds and allocation stacks of the blocks are read from the snapshot that the analysis was made

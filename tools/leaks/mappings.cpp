@@ -25,8 +25,8 @@ bool parseLine(const std::string& line, Mapping& mapping) {
   char flags[5] = {};
   unsigned long inode = 0;
   int nameAt = 0;
-  if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %4s %*x %*s %lu %n", &mapping.range.begin,
-                  &mapping.range.end, flags, &inode, &nameAt) < 4)
+  if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %4s %" SCNx64 " %*s %lu %n", &mapping.range.begin,
+                  &mapping.range.end, flags, &mapping.fileOffset, &inode, &nameAt) < 5)
     return false;
   mapping.readable = flags[0] == 'r';
   mapping.writable = flags[1] == 'w';

@@ -21,7 +21,6 @@ constexpr std::uint64_t kPresent = std::uint64_t{1} << 63;
 constexpr std::uint64_t kSwapped = std::uint64_t{1} << 62;
 constexpr std::uint64_t kOfFile = std::uint64_t{1} << 61;
 
-// Looking up a page costs about 3 ns; larger mappings are reservations of other run-time systems.
 constexpr Address kLargestMapping = Address{16} << 30;
 
 const std::size_t kPage = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
@@ -65,6 +64,10 @@ void readSlice(pid_t process, Slice& slice) {
 }
 
 }  // namespace
+
+bool isTooLarge(const Mapping& mapping) {
+  return mapping.readable && mapping.writable && mapping.range.size() > kLargestMapping;
+}
 
 bool readMemory(pid_t process, Address address, void* to, std::size_t size) {
   const iovec local{to, size};

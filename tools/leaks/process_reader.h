@@ -20,6 +20,10 @@ std::string foreignAllocator(const std::vector<Mapping>& mappings);
 // The stretches of the library's variables.
 std::vector<Range> libraryData(const std::vector<Mapping>& mappings, const std::string& path);
 
+// Whether the mapping is left out for its size alone: looking up a page costs about 3 ns, and other run-time
+// systems reserve terabytes.
+bool isTooLarge(const Mapping& mapping);
+
 // Whether all went well; a part that cannot be read is left as it was.
 bool readMemory(pid_t process, Address address, void* to, std::size_t size);
 // Version of the C library from its own text in memory, "2.36"; empty when there is none.
@@ -29,6 +33,7 @@ std::string libraryVersion(pid_t process, const std::vector<Mapping>& mappings, 
 // short.
 class ProcessReader {
  public:
+  // Of a process whose first thread has ended any other one's id.
   explicit ProcessReader(pid_t process) : process_(process) {}
   ~ProcessReader();
   ProcessReader(const ProcessReader&) = delete;

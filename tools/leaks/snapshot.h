@@ -26,6 +26,7 @@ struct Mapping {
   bool shared = false;
   bool anonymous = false;  // not backed by a file; the named anonymous ones ("[heap]") too
   std::string name;
+  Address fileOffset = 0;
 };
 
 // Content of consecutive pages; the bytes belong to whoever made the snapshot.

@@ -1,6 +1,5 @@
 #include "tools/tracer/tracer.h"
 
-#include <dirent.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 
@@ -10,20 +9,18 @@
 #include <cstring>
 #include <fstream>
 
+#include "tools/tracer/process_facts.h"
+
 namespace tracer {
 
 namespace {
 
-std::vector<pid_t> threadsOf(pid_t process) {
-  std::vector<pid_t> threads;
-  const std::string path = "/proc/" + std::to_string(process) + "/task";
-  DIR* const folder = opendir(path.c_str());
-  if (folder == nullptr) return threads;
-  while (const dirent* const entry = readdir(folder))
-    if (const long thread = std::strtol(entry->d_name, nullptr, 10); thread > 0)
-      threads.push_back(static_cast<pid_t>(thread));
-  closedir(folder);
-  return threads;
+// The process that traces it, such as a debugger; 0 for none.
+pid_t tracerOf(pid_t process) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string key, rest; status >> key && std::getline(status, rest);)
+    if (key == "TracerPid:") return std::atoi(rest.c_str());
+  return 0;
 }
 
 std::string whyNot(pid_t process, int error) {
@@ -31,21 +28,14 @@ std::string whyNot(pid_t process, int error) {
   int scope = 0;
   if (error == EPERM && std::ifstream("/proc/sys/kernel/yama/ptrace_scope") >> scope && scope > 0)
     text += " (kernel.yama.ptrace_scope is " + std::to_string(scope) + ")";
+  if (const pid_t other = tracerOf(process); other != 0)
+    text += " (process " + std::to_string(other) + " traces it)";
   return text;
 }
 
 bool isGroupStop(int status) {
   const int signal = WSTOPSIG(status);
   return signal == SIGSTOP || signal == SIGTSTP || signal == SIGTTIN || signal == SIGTTOU;
-}
-
-// The first thread of a process may end before the others; it is then never waited for successfully.
-bool isZombie(pid_t process, pid_t thread) {
-  std::ifstream stat("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/stat");
-  std::string line;
-  std::getline(stat, line);
-  const std::size_t name = line.rfind(')');
-  return name == std::string::npos || name + 2 >= line.size() || line[name + 2] == 'Z';
 }
 
 constexpr std::chrono::milliseconds kStopTimeout{200};
@@ -66,12 +56,15 @@ std::string Tracer::attach() {
       if (threads_.contains(thread)) continue;
       if (seize(thread)) {
         found = true;
-      } else if (errno != ESRCH) {
-        return whyNot(process_, errno);
+      } else if (const int error = errno; error != ESRCH && !hasEnded(process_, thread)) {
+        return whyNot(process_, error);
       }
     }
   }
-  return threads_.empty() ? "process " + std::to_string(process_) + " has no threads left" : "";
+  if (!threads_.empty()) return "";
+  // The threads of others may be hidden altogether.
+  if (kill(process_, 0) != 0 && errno == EPERM) return whyNot(process_, EPERM);
+  return "process " + std::to_string(process_) + " has ended";
 }
 
 bool Tracer::seize(pid_t thread) {
@@ -108,7 +101,7 @@ void Tracer::waitForStop(pid_t thread, std::chrono::steady_clock::time_point dea
   while (true) {
     int status = 0;
     const pid_t got = waitpid(thread, &status, __WALL | WNOHANG);
-    if (got < 0 || (got == 0 && isZombie(process_, thread))) {
+    if (got < 0 || (got == 0 && hasEnded(process_, thread))) {
       threads_.erase(thread);
       return;
     }
