@@ -113,5 +113,17 @@ TEST(ProfileValue, HoldsTheTree) {
             R"("records":[{"class":"Bar","classMethod":true,"method":"parse:","milliseconds":1.5}]}]})");
 }
 
+TEST(ProfileValue, IsJsonWhateverTheNamesAndHoweverDeepTheCalls) {
+  const auto text = [](const std::vector<RecordedCall>& calls) {
+    return profileValue(callTree(calls)).jsonText().value_or("none");
+  };
+  EXPECT_THAT(text({{"\xc3\xb6", "\xff\xc3x", false, 1, 0}}),
+              HasSubstr("\"class\":\"\xc3\xb6\",\"classMethod\":false,\"method\":\"??x\""));
+  std::vector<RecordedCall> deep;
+  for (std::int32_t depth = 1000; depth >= 0; --depth)
+    deep.push_back(call("m" + std::to_string(depth), 1, depth));
+  EXPECT_THAT(text(deep), testing::AllOf(HasSubstr("\"m199\""), Not(HasSubstr("\"m200\""))));
+}
+
 }  // namespace
 }  // namespace qbv

@@ -24,14 +24,19 @@ std::uint64_t microseconds(double milliseconds) {
   return static_cast<std::uint64_t>(std::min(wanted, kMostMicroseconds));
 }
 
+// A message to nil has no class.
+const char* orEmpty(const char* name) {
+  return name != nullptr ? name : "";
+}
+
 std::vector<qbv::RecordedCall> recordedCalls() {
   std::int32_t count = 0;
   const dtp_call_record* const records = dtp_get_call_records(&count);
   std::vector<qbv::RecordedCall> calls;
   for (std::int32_t i = 0; records != nullptr && i < count; ++i) {
     const dtp_call_record& record = records[i];
-    const char* const name = qbv::Runtime::NSStringFromClass(record.cls);
-    calls.push_back({name != nullptr ? name : "", qbv::Runtime::NSStringFromSelector(record.selector),
+    calls.push_back({orEmpty(qbv::Runtime::NSStringFromClass(record.cls)),
+                     orEmpty(qbv::Runtime::NSStringFromSelector(record.selector)),
                      qbv::Runtime::class_isMetaClass(record.cls), record.timeCost, record.depth});
   }
   return calls;

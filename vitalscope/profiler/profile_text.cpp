@@ -11,6 +11,7 @@ namespace qbv {
 namespace {
 
 constexpr std::size_t kMostPrinted = 50;
+constexpr int kLevelsForPrograms = 200;
 constexpr double kMicrosecondsPerSecond = 1000000;
 constexpr double kMillisecondsPerSecond = 1000;
 constexpr std::string_view kEndOfText = "</xmp";
@@ -38,14 +39,21 @@ double wholeMicroseconds(double seconds) {
   return std::round(seconds * kMicrosecondsPerSecond);
 }
 
-Value valueOf(const QBVTimeProfilerRecord& record) {
-  Value::Dictionary value{{"class", record.className()},
-                          {"method", record.methodName()},
+std::string asUTF8(std::string name) {
+  if (!isValidUTF8(name))
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) > 0x7f; }, '?');
+  return name;
+}
+
+Value valueOf(const QBVTimeProfilerRecord& record, int levels) {
+  Value::Dictionary value{{"class", asUTF8(record.className())},
+                          {"method", asUTF8(record.methodName())},
                           {"classMethod", record.isClassMethod()},
                           {"milliseconds", wholeMicroseconds(record.timeCost()) / 1000}};
-  if (record.subRecords()) {
+  if (record.subRecords() && levels > 1) {
     Value::Array below;
-    for (const auto& sub : *record.subRecords()) below.push_back(valueOf(*sub));
+    for (const auto& sub : *record.subRecords()) below.push_back(valueOf(*sub, levels - 1));
     value["records"] = std::move(below);
   }
   return value;
@@ -99,7 +107,7 @@ std::string profilePage(const std::string& text) {
 
 Value profileValue(const QBVTimeProfilerRecords& tree) {
   Value::Array records;
-  for (const auto& record : tree) records.push_back(valueOf(*record));
+  for (const auto& record : tree) records.push_back(valueOf(*record, kLevelsForPrograms));
   return Value::Dictionary{{"records", std::move(records)}};
 }
 

@@ -31,8 +31,9 @@ std::string profileText(const QBVTimeProfilerRecords& tree);
 void appendLines(const QBVTimeProfilerRecord& record, std::string& to);
 // The page. Its text ends where the page says so, whatever the names of classes and selectors hold.
 std::string profilePage(const std::string& text);
-// The whole tree as {"records": [{"class", "method", "classMethod", "milliseconds", "records"}…]}, latest
-// call first below a call, "records" left out where there are none.
+// The tree as {"records": [{"class", "method", "classMethod", "milliseconds", "records"}…]}, latest call
+// first below a call, "records" left out where there are none. Always valid JSON: of names that are not UTF-8
+// the foreign bytes become "?", and calls more than 200 levels deep are left out, for readers that recurse.
 Value profileValue(const QBVTimeProfilerRecords& tree);
 
 // With a point, whatever the locale says.
