@@ -6,6 +6,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "vitalscope/platform/linux/pages.h"
+
 namespace qbv {
 
 static_assert(sizeof(TimeOfDay) == sizeof(timeval) && sizeof(timeval::tv_sec) == 8 &&
@@ -42,7 +44,9 @@ void* reservePages(std::size_t bytes) noexcept {
 }
 
 bool commitPages(void* at, std::size_t bytes) noexcept {
-  return mprotect(at, bytes, PROT_READ | PROT_WRITE) == 0;
+  const auto wanted = reinterpret_cast<std::uintptr_t>(at);
+  const std::uintptr_t start = linux_backend::startOfPage(wanted);
+  return mprotect(reinterpret_cast<void*>(start), wanted + bytes - start, PROT_READ | PROT_WRITE) == 0;
 }
 
 void releasePages(void* at, std::size_t bytes) noexcept {

@@ -9,13 +9,13 @@
 #include "vitalscope/platform/linux/image_slots.h"
 #include "vitalscope/platform/linux/images.h"
 #include "vitalscope/platform/linux/loader_list.h"
+#include "vitalscope/platform/linux/pages.h"
 
 namespace qbv::linux_backend {
 
 namespace {
 
 constexpr int kHoldAttempts = 16;
-constexpr std::uint64_t kPage = 4096;
 
 // What the loader passes to a function that chooses another one for this machine.
 std::uint64_t askResolver(std::uint64_t resolver) {
@@ -82,8 +82,8 @@ void* LoadedImages::takeForSlots(std::size_t size) {
   void* const taken = slotArena_.take(size);
 #if defined(MADV_POPULATE_WRITE)
   // All of it will be written at once: cheaper in one go than page by page.
-  const std::uint64_t start = reinterpret_cast<std::uint64_t>(taken) & ~(kPage - 1);
-  const std::uint64_t end = (reinterpret_cast<std::uint64_t>(taken) + size) & ~(kPage - 1);
+  const std::uint64_t start = startOfPage(reinterpret_cast<std::uint64_t>(taken));
+  const std::uint64_t end = startOfPage(reinterpret_cast<std::uint64_t>(taken) + size);
   if (taken != nullptr && end > start)
     madvise(reinterpret_cast<void*>(start), end - start, MADV_POPULATE_WRITE);
 #endif
@@ -159,7 +159,7 @@ std::uint64_t LoadedImages::functionBehind(std::uint32_t index, const char* name
 }
 
 int LoadedImages::vm_protect(std::uint64_t address, std::uint64_t size, bool, int protection) {
-  const std::uint64_t start = address & ~(kPage - 1);
+  const std::uint64_t start = startOfPage(address);
   const int mode = ((protection & VM_PROT_READ) != 0 ? PROT_READ : 0) |
                    ((protection & VM_PROT_WRITE) != 0 ? PROT_WRITE : 0);
   return mprotect(reinterpret_cast<void*>(start), address + size - start, mode) == 0 ? 0 : errno;

@@ -1,16 +1,23 @@
 // Memory taken from the kernel in whole pages, so that the process heap is left alone.
 #pragma once
 
+#include <sys/auxv.h>
 #include <sys/mman.h>
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <span>
 #include <type_traits>
 #include <utility>
 
 namespace qbv::linux_backend {
+
+// The start of the page that holds the address; arm64 systems have pages of 4, 16 or 64 KiB. Any thread.
+inline std::uintptr_t startOfPage(std::uintptr_t address) {
+  return address & ~(static_cast<std::uintptr_t>(getauxval(AT_PAGESZ)) - 1);
+}
 
 // Fresh zeroed pages, committed as they are touched; null when the kernel refuses. Any thread.
 inline void* takePages(std::size_t size) {

@@ -44,11 +44,11 @@ Code codeAt(std::uint64_t address, ImageFinder find, const StackView& stack) {
   return code;
 }
 
+#if defined(__x86_64__)
+
 bool startsWith(const Instructions& code, std::initializer_list<std::uint8_t> pattern) {
   return std::memcmp(code.data(), pattern.begin(), pattern.size()) == 0;
 }
-
-#if defined(__x86_64__)
 
 // The bytes end where the return address points: call rel32, or call through a register or memory operand of
 // any length.
