@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <utility>
 
 #include "host/control/socket_place.h"
@@ -29,7 +30,11 @@ bool wouldBlock(ssize_t result) {
 }
 
 std::string noSocket(int processId) {
-  return "process " + std::to_string(processId) +
+  const std::string process = "process " + std::to_string(processId);
+  const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime == nullptr || runtime[0] != '/')
+    return process + " cannot be reached: XDG_RUNTIME_DIR, the folder of control sockets, is not set here";
+  return process +
          " has no control socket: it runs without the stand-in host, or its main loop has not been seen yet";
 }
 

@@ -20,7 +20,9 @@ Value post(const Value& message, const Requests& requests) {
 Value profile(const Value& wanted, const Requests& requests) {
   const bool on = wanted.boolValue();
   const std::optional<std::string> file = requests.profile(on);
-  if (!file) return refusal(on ? "a profiling run is on already" : "no profiling run is on");
+  if (!file)
+    return refusal(on ? "a profiling run is on already; the notification user_method_time_profile ends it"
+                      : "no profiling run is on");
   Value::Dictionary answer{{kOk, true}};
   if (!on) answer[kProfileFile] = *file;
   return answer;

@@ -221,6 +221,8 @@ TEST_F(Control, SocketsArePrivateAndDeadOnesAreRemoved) {
   EXPECT_FALSE(SocketFolder::open(true));
   unsetenv("XDG_RUNTIME_DIR");
   EXPECT_FALSE(SocketFolder::open(true));
+  EXPECT_EQ(Client::connect(8, error), nullptr);
+  EXPECT_THAT(error, HasSubstr("XDG_RUNTIME_DIR"));
 }
 
 TEST_F(Control, LongPathsAreNoObstacle) {
