@@ -1,5 +1,7 @@
 // A process to sample: its main thread answers every byte on standard input from deep inside plainly named
-// functions, and counts SIGUSR1; another thread spins.
+// functions, and counts SIGUSR1; another thread spins. For an "x" it becomes a new one. With an argument the
+// thread that answers is another one, and the first has ended.
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +20,7 @@ extern "C" {
 [[gnu::noinline]] bool waitForRequest() {
   char request = 0;
   bool answered = read(STDIN_FILENO, &request, 1) == 1;
+  if (request == 'x') execl("/proc/self/exe", "again", nullptr);
   if (answered) {
     const unsigned char count = signals;
     answered = write(STDOUT_FILENO, &count, 1) == 1;
@@ -28,9 +31,19 @@ extern "C" {
 [[gnu::noinline]] void serveRequests() {
   while (waitForRequest()) continue;
 }
+
+// Its name is also a mangled type.
+[[gnu::noinline]] void* w(void*) {
+  serveRequests();
+  _exit(0);
+}
 }
 
-int main() {
+int main(int count, char**) {
+  if (count > 1) {
+    std::thread([] { w(nullptr); }).detach();
+    pthread_exit(nullptr);
+  }
   std::signal(SIGUSR1, [](int) { ++signals; });
   std::atomic<bool> stop{false};
   std::thread spinner([&] { spinForEver(stop); });

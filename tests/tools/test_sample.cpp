@@ -21,7 +21,7 @@ using testing::HasSubstr;
 
 class Victim {
  public:
-  Victim() {
+  explicit Victim(char* argument = nullptr) {
     int in[2];
     int out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) std::abort();
@@ -30,7 +30,7 @@ class Victim {
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     std::string path = QBV_SAMPLE_VICTIM;
-    char* const arguments[] = {path.data(), nullptr};
+    char* const arguments[] = {path.data(), argument, nullptr};
     if (posix_spawn(&process_, path.c_str(), &actions, nullptr, arguments, environ) != 0) std::abort();
     posix_spawn_file_actions_destroy(&actions);
     close(in[0]);
@@ -44,6 +44,8 @@ class Victim {
     waitpid(process_, nullptr, 0);
   }
   pid_t process() const { return process_; }
+
+  void becomeAnother() const { EXPECT_EQ(write(request_, "x", 1), 1); }
 
   // How many signals it has counted (modulo 256); -1 when it does not answer.
   int signalsCounted() const {
@@ -151,6 +153,29 @@ TEST_F(SampleTool, TargetRunsOnWhenTheToolIsKilled) {
   EXPECT_EQ(victim.signalsCounted(), 0);
 }
 
+TEST_F(SampleTool, FirstThreadMayHaveEnded) {
+  char argument[] = "without";
+  Victim victim(argument);
+  ASSERT_EQ(victim.signalsCounted(), 0);
+  ASSERT_EQ(exitCode(startSample({std::to_string(victim.process()), "0.05", "-file", file()}, errors())), 0)
+      << content(errors());
+  EXPECT_THAT(content(file()), HasSubstr(" w  (in sample_victim)"));
+  EXPECT_EQ(victim.signalsCounted(), 0);
+}
+
+TEST_F(SampleTool, EndsWhenTheTargetBecomesAnotherProgram) {
+  Victim victim;
+  ASSERT_EQ(victim.signalsCounted(), 0);
+  const pid_t sampler = startSample({std::to_string(victim.process()), "60", "-file", file()}, errors());
+  ASSERT_TRUE(untilTraced(victim.process(), sampler));
+  victim.becomeAnother();
+  EXPECT_EQ(victim.signalsCounted(), 0);
+  // It may have done so before anything was seen.
+  const bool seen = exitCode(sampler) == 0;
+  EXPECT_THAT(content(seen ? file() : errors()), HasSubstr("the process executed another program"));
+  EXPECT_EQ(victim.signalsCounted(), 0);
+}
+
 TEST_F(SampleTool, SaysWhyItCannot) {
   EXPECT_EQ(exitCode(startSample({"1", "-file", file()}, errors())), 2);
   EXPECT_THAT(content(errors()), HasSubstr("usage: sample PID SECONDS -file PATH"));
@@ -165,7 +190,9 @@ TEST_F(SampleTool, SaysWhyItCannot) {
   const pid_t other = startSample({pid, "60", "-file", file()}, errors());
   ASSERT_TRUE(untilTraced(victim.process(), other));
   EXPECT_EQ(exitCode(startSample({pid, "1", "-file", file()}, errors())), 1) << "it is traced already";
-  EXPECT_THAT(content(errors()), HasSubstr("may not attach to process " + pid + ": Operation not permitted"));
+  EXPECT_THAT(content(errors()),
+              HasSubstr("may not attach to process " + pid + ": Operation not permitted (process " +
+                        std::to_string(other) + " traces it)"));
   kill(other, SIGTERM);
   exitCode(other);
   EXPECT_EQ(victim.signalsCounted(), 0);

@@ -66,11 +66,13 @@ struct Observations {
 
 void sweep(pid_t process, tracer::Tracer& tracer, sample::StackReader& reader, Observations& seen) {
   const auto begin = Clock::now();
-  for (const pid_t thread : tracer.stopAll()) {
-    const sample::Chain chain = reader.chainOf(thread);
-    if (!chain.empty()) ++seen.chains[thread][chain];
+  const std::vector<pid_t>& stopped = tracer.stopAll();
+  for (std::size_t i = 0; i < stopped.size() && !tracer.executed(); ++i) {
+    const sample::Chain chain = reader.chainOf(stopped[i]);
+    if (!chain.empty()) ++seen.chains[stopped[i]][chain];
   }
   tracer.resumeAll();
+  if (tracer.executed()) return;
   seen.stoppedMilliseconds.push_back(Milliseconds(Clock::now() - begin).count());
   ++seen.sweeps;
   for (const auto& [thread, chains] : seen.chains)
@@ -85,11 +87,13 @@ Observations observe(const Options& options, tracer::Tracer& tracer, sample::Sta
   auto next = begin;
   do {
     sweep(options.process, tracer, reader, seen);
-    reader.refresh();
+    if (!tracer.executed()) reader.refresh();
     // A sweep that took longer than a step is not made up for: the target comes first.
     next = std::max(next + kStep, Clock::now());
     const auto outcome = tracer.serveUntil(std::min(next, end));
     if (outcome == tracer::Tracer::Wait::targetEnded) seen.note = "the process ended during the sampling";
+    if (outcome == tracer::Tracer::Wait::targetExecuted)
+      seen.note = "the process executed another program during the sampling";
     if (outcome == tracer::Tracer::Wait::interrupted) seen.note = "the sampling was interrupted";
   } while (seen.note.empty() && Clock::now() < end);
   seen.length = Clock::now() - begin;
@@ -165,11 +169,11 @@ int main(int argc, char** argv) {
   blockSignals();
   tracer::Tracer tracer(options->process);
   if (const std::string failure = tracer.attach(); !failure.empty()) return fail(failure);
-  sample::StackReader reader(options->process);
+  sample::StackReader reader(tracer::livingThread(options->process));
   if (const std::string failure = reader.open(); !failure.empty()) return fail(failure);
-  const std::string folder = "/proc/" + std::to_string(options->process);
-  const std::string name = tracer::firstLine(folder + "/comm");
-  const std::string executable = tracer::linkTarget(folder + "/exe");
+  const std::string name = tracer::firstLine("/proc/" + std::to_string(options->process) + "/comm");
+  const std::string executable =
+      tracer::linkTarget("/proc/" + std::to_string(tracer::livingThread(options->process)) + "/exe");
   const std::string date = tracer::localDate();
 
   const Observations seen = observe(*options, tracer, reader);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string_view>
 
 namespace sample {
 
@@ -33,12 +34,15 @@ int addFrame(Dwfl_Frame* frame, void* argument) {
   return chain.size() < kMostFrames ? DWARF_CB_OK : DWARF_CB_ABORT;
 }
 
-std::string demangled(const char* symbol) {
+// Without the symbol's version. A name of C that is a letter is also a mangled type, so only functions count.
+std::string demangled(std::string_view symbol) {
+  const std::string name(symbol.substr(0, symbol.find('@')));
+  if (!name.starts_with("_Z")) return name;
   int status = 0;
-  char* const text = abi::__cxa_demangle(symbol, nullptr, nullptr, &status);
-  std::string name = status == 0 && text != nullptr ? text : symbol;
+  char* const text = abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status);
+  std::string readable = status == 0 && text != nullptr ? text : name;
   std::free(text);
-  return name.substr(0, name.find('@'));  // without the symbol's version
+  return readable;
 }
 
 std::string fileName(const char* path) {

@@ -2,12 +2,14 @@
 
 #include <sys/ptrace.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <optional>
 
 #include "tools/tracer/process_facts.h"
 
@@ -15,12 +17,12 @@ namespace tracer {
 
 namespace {
 
-// The process that traces it, such as a debugger; 0 for none.
-pid_t tracerOf(pid_t process) {
+// The first number behind a key of the process's status; nothing when it cannot be read.
+std::optional<long> statusNumber(pid_t process, const std::string& wanted) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
   for (std::string key, rest; status >> key && std::getline(status, rest);)
-    if (key == "TracerPid:") return std::atoi(rest.c_str());
-  return 0;
+    if (key == wanted) return std::atol(rest.c_str());
+  return std::nullopt;
 }
 
 std::string whyNot(pid_t process, int error) {
@@ -28,8 +30,11 @@ std::string whyNot(pid_t process, int error) {
   int scope = 0;
   if (error == EPERM && std::ifstream("/proc/sys/kernel/yama/ptrace_scope") >> scope && scope > 0)
     text += " (kernel.yama.ptrace_scope is " + std::to_string(scope) + ")";
-  if (const pid_t other = tracerOf(process); other != 0)
-    text += " (process " + std::to_string(other) + " traces it)";
+  const auto other = statusNumber(process, "TracerPid:"), owner = statusNumber(process, "Uid:");
+  if (other && *other != 0)
+    text += " (process " + std::to_string(*other) + " traces it)";
+  else if (geteuid() != 0 && owner && *owner != static_cast<long>(geteuid()))
+    text += " (it is another user's)";
   return text;
 }
 
@@ -68,7 +73,7 @@ std::string Tracer::attach() {
 }
 
 bool Tracer::seize(pid_t thread) {
-  if (ptrace(PTRACE_SEIZE, thread, nullptr, PTRACE_O_TRACECLONE) != 0) {
+  if (ptrace(PTRACE_SEIZE, thread, nullptr, PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC) != 0) {
     // A thread made by one that is traced already is attached by the kernel.
     return false;
   }
@@ -132,6 +137,10 @@ void Tracer::handleEvent(pid_t thread, int status) {
       ptrace(PTRACE_CONT, thread, nullptr, nullptr);
       break;
     }
+    case PTRACE_EVENT_EXEC:
+      executed_ = true;
+      ptrace(PTRACE_CONT, thread, nullptr, nullptr);
+      break;
     case 0:
       // A signal on its way to the target: hand it on. A stop that was asked for follows by itself.
       ptrace(PTRACE_CONT, thread, nullptr, static_cast<long>(WSTOPSIG(status)));
@@ -163,6 +172,7 @@ Tracer::Wait Tracer::serveUntil(std::chrono::steady_clock::time_point deadline) 
       if (const auto found = threads_.find(thread); found != threads_.end()) resume(thread, found->second);
     }
     if (threads_.empty()) return Wait::targetEnded;
+    if (executed_) return Wait::targetExecuted;
     const auto left = deadline - std::chrono::steady_clock::now();
     if (left <= left.zero()) return Wait::elapsed;
     const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();

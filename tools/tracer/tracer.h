@@ -15,7 +15,7 @@ namespace tracer {
 // and it runs on.
 class Tracer {
  public:
-  enum class Wait { elapsed, targetEnded, interrupted };
+  enum class Wait { elapsed, targetEnded, targetExecuted, interrupted };
 
   explicit Tracer(pid_t process) : process_(process) {}
   ~Tracer() { detach(); }
@@ -32,6 +32,9 @@ class Tracer {
   std::size_t running() const;
   // Lets every stopped thread run on; signals that arrived meanwhile are delivered.
   void resumeAll();
+  // Whether the process has executed another program since attach: what is known of its memory no longer
+  // holds.
+  bool executed() const { return executed_; }
   // Passes the time until `deadline` serving the target's events, so that it never waits for the tracer.
   Wait serveUntil(std::chrono::steady_clock::time_point deadline);
   // Lets go of all threads. They run on. Waits up to five seconds for one that cannot be stopped, because a
@@ -49,6 +52,7 @@ class Tracer {
   pid_t process_;
   std::map<pid_t, State> threads_;
   std::vector<pid_t> stopped_;
+  bool executed_ = false;
 };
 
 }  // namespace tracer

@@ -17,9 +17,9 @@ struct FolderRequest {
 // Gets the chosen folder as the text of a URL, "file:///home/ada/some%20folder", or nothing.
 using FolderAnswer = std::function<void(const std::optional<std::string>& url)>;
 
-// Any thread, not in signal handlers. Children inherit stdin and stderr, an environment without this
-// library's preload, and a PATH that begins with the folder of the companion tools. Their signal mask and
-// handlers are the defaults.
+// Any thread, not in signal handlers. Children inherit stdin and stderr and no other descriptor, an
+// environment without this library's preload, and a PATH that begins with the folder of the companion tools.
+// Their signal mask and handlers are the defaults.
 class QBV_EXPORT Processes {
  public:
   virtual ~Processes() = default;

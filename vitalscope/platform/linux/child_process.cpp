@@ -18,6 +18,8 @@ class SpawnSettings {
   SpawnSettings(int standardOutput, short extraFlags) {
     ::posix_spawn_file_actions_init(&actions_);
     ::posix_spawn_file_actions_adddup2(&actions_, standardOutput, STDOUT_FILENO);
+    // A viewer that lives on would keep the host's sockets and pipes open.
+    ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
     ::posix_spawnattr_init(&attributes_);
     sigset_t signals;
     ::sigemptyset(&signals);
