@@ -135,6 +135,7 @@ TEST_F(CommandLine, IsSilentWithoutReports) {
 
 TEST_F(CommandLine, TellsWhyAProgramIsNotRun) {
   expectRefused({"run"}, 2, "needs a command");
+  expectRefused({"run", "--emial", "x", "--", "/bin/true"}, 2, "run has no option --emial");
   expectRefused({"run", "--", "no such program"}, 127, "there is no program 'no such program' on the PATH");
   expectRefused({"run", "--", "/no/such"}, 127, "No such file or directory");
   expectRefused({"run", "--", "/"}, 126, "it is a folder");

@@ -1,9 +1,10 @@
 # bash completion for quibvitalscope
 
 _quibvitalscope_pids() {
-  local folder="${XDG_RUNTIME_DIR:-}/quibvitalscope" socket
+  local folder="${XDG_RUNTIME_DIR:-}/quibvitalscope" socket process
   for socket in "$folder"/*.sock; do
-    [ -S "$socket" ] && basename "$socket" .sock
+    process=$(basename "$socket" .sock)
+    [ -S "$socket" ] && [ -d "/proc/$process" ] && echo "$process"  # one that was killed leaves its socket
   done
 }
 
@@ -40,8 +41,15 @@ _quibvitalscope_program_word() {
 _quibvitalscope_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$2"); }
 
 _quibvitalscope_run() {
-  local current=$1 program
+  local current=$1 previous=$2 program
   program=$(_quibvitalscope_program_word)
+  if [ -z "$program" ]; then
+    case $previous,$current in
+      --upload-to,*) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
+      --email,* | --bundle-id,* | --version,* | --upload-command,* | *,-*) ;;
+      *) program=$COMP_CWORD ;;
+    esac
+  fi
   if [ -n "$program" ]; then
     if declare -F _command_offset >/dev/null; then
       _command_offset "$program"
@@ -50,7 +58,7 @@ _quibvitalscope_run() {
     else
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
     fi
-  else
+  elif [[ $current = -* ]]; then
     _quibvitalscope_words "--no-log --watch-run-loop --email --bundle-id --version --upload-to --upload-command --help --" "$current"
   fi
 }
@@ -63,13 +71,14 @@ _quibvitalscope() {
     return
   fi
   case ${COMP_WORDS[1]} in
-    run) _quibvitalscope_run "$current" ;;
+    run) _quibvitalscope_run "$current" "$previous" ;;
     post)
       case $COMP_CWORD in
         2) _quibvitalscope_words "$(_quibvitalscope_pids) --help" "$current" ;;
         3) _quibvitalscope_words "performance_dashboard user_method_time_profile user_leaks_detect Noti_LogOut
              Noti_Login_FB_Login_Finished Noti_KXProcessWillTerminate QBV_CMD_CONF_LEAVE_COMPLETE
-             quib_user_report_performance_log open_diagnostic_folder" "$current" ;;
+             quib_user_report_performance_log open_diagnostic_folder qbcrash_report_panel_send_button_action
+             quibvitalscope_watch_run_loop" "$current" ;;
       esac ;;
     dashboard) _quibvitalscope_words "$(_quibvitalscope_pids) --help" "$current" ;;
     upload | leak-check) _quibvitalscope_words "$(_quibvitalscope_pids) --help" "$current" ;;

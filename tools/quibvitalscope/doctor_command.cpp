@@ -104,7 +104,8 @@ void addDoctorCommand(CLI::App& app, Context& context) {
       "missing), what was found, what it is for, and what happens instead when it does not work.");
   sub->add_option("--pid", options->process,
                   "Look at what the monitor works with in this program, which 'run' started")
-      ->check(processId());
+      ->check(processId())
+      ->type_name("PID");
   sub->add_flag("--json", options->json, "Print JSON; its keys are described in the manual page");
   sub->footer("Exit codes: 0 everything essential works, 1 something essential is missing, 2 usage.");
   sub->callback([options, &context] { context.exitCode = doctor(*options); });

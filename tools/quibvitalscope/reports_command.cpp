@@ -59,7 +59,7 @@ void printTable(const std::vector<Entry>& entries, const std::string& root) {
   const auto line = [](const std::string& time, const std::string& kind, const std::string& level,
                        const std::string& process, const std::string& rest) {
     const std::string text =
-        padded(time, 21) + padded(kind, 12) + padded(level, 10) + padded(process, 26) + rest;
+        padded(time, 21) + padded(kind, 12) + padded(level, 10) + padded(process, 25) + " " + rest;
     std::printf("%s\n", text.substr(0, text.find_last_not_of(' ') + 1).c_str());
   };
   std::printf("%s/\n", printable(root).c_str());
@@ -122,7 +122,7 @@ void addReportsCommand(CLI::App& app, Context& context) {
       "'show'. Kinds: hang, memory, allocation, leaks, power, sample (call samples), record (daily records), "
       "profile, "
       "stacks (large live allocations), other.");
-  sub->add_option("--pid", options->process, "Only of this process")->check(processId());
+  sub->add_option("--pid", options->process, "Only of this process")->check(processId())->type_name("PID");
   sub->add_flag("--json", options->json, "Print JSON; its keys are described in the manual page");
   sub->footer(
       "Exit codes: 0 also when there are none, 1 something could not be read (told on standard error), 2 "

@@ -74,7 +74,10 @@ int execute(const std::string& path, std::vector<std::string> command) {
   return fail(code, "cannot run " + path + ": " + std::strerror(errno));
 }
 
-int run(const Options& options, const std::vector<std::string>& command) {
+int run(const Options& options, const std::vector<std::string>& command, bool behindDashes) {
+  if (!behindDashes && !command.empty() && command.front().starts_with('-'))
+    return fail(kExitUsage,
+                "run has no option " + command.front() + "; 'quibvitalscope run --help' lists them");
   if (command.empty()) return fail(kExitUsage, "run needs a command: quibvitalscope run -- COMMAND");
   const std::string library = standInLibrary();
   if (library.empty())
@@ -111,18 +114,22 @@ void addRunCommand(CLI::App& app, Context& context) {
       "or the program uses more than 70 percent of a core");
   sub->add_option("--email", options->email,
                   "E-mail of the signed-in user; monitored are only users of " QBV_MAIL_DOMAIN
-                  " (default: someone@" QBV_MAIL_DOMAIN ")");
-  sub->add_option("--bundle-id", options->bundleId, "Identifier in reports (default: the program's name)");
-  sub->add_option("--version", options->version, "Version in reports (default: 0)");
+                  " (default: someone@" QBV_MAIL_DOMAIN ")")
+      ->type_name("ADDRESS");
+  sub->add_option("--bundle-id", options->bundleId, "Identifier in reports (default: the program's name)")
+      ->type_name("ID");
+  sub->add_option("--version", options->version, "Version in reports (default: 0)")->type_name("VERSION");
   auto* const uploadTo = sub->add_option("--upload-to", options->uploadTo,
-                                         "Allow uploads: copy the folders that are asked for into this one");
+                                         "Allow uploads: copy the folders that are asked for into this one")
+                             ->type_name("DIR");
   sub->add_option(
          "--upload-command", options->uploadCommand,
          "Allow uploads: run this shell command for each folder; it finds the path in UPLOAD_FOLDER, an id "
          "in "
          "UPLOAD_ID and in UPLOAD_BY_USER whether it was asked for once a minute or by a user (1) or after "
          "a report (0)")
-      ->excludes(uploadTo);
+      ->excludes(uploadTo)
+      ->type_name("COMMAND");
   sub->prefix_command();
   sub->footer(
       "Exit codes: the program's own; 125 it cannot be monitored (statically linked, set-user-ID, 32-bit, "
@@ -132,7 +139,9 @@ void addRunCommand(CLI::App& app, Context& context) {
       "  quibvitalscope run -- gedit notes.txt\n"
       "  quibvitalscope run --no-log --version 4.2 -- ./application --option\n"
       "  quibvitalscope run --upload-to ~/outbox -- gedit");
-  sub->callback([options, sub, &context] { context.exitCode = run(*options, commandOf(*sub, context)); });
+  sub->callback([options, sub, &context] {
+    context.exitCode = run(*options, commandOf(*sub, context), sub->remaining().empty());
+  });
 }
 
 }  // namespace qbv::cli
