@@ -1,8 +1,8 @@
 #include "tools/leaks/symbols.h"
 
-#include <cxxabi.h>
-
 #include <cstdlib>
+
+#include "tools/tracer/symbol_name.h"
 
 namespace leaks {
 
@@ -17,14 +17,6 @@ const Dwfl_Callbacks callbacks = {
     .section_address = dwfl_offline_section_address,
     .debuginfo_path = &noDebugPath,
 };
-
-std::string demangled(const char* symbol) {
-  int status = 0;
-  char* const text = abi::__cxa_demangle(symbol, nullptr, nullptr, &status);
-  std::string name = status == 0 && text != nullptr ? text : symbol;
-  std::free(text);
-  return name.substr(0, name.find('@'));  // without the symbol's version
-}
 
 }  // namespace
 
@@ -58,7 +50,7 @@ std::string Symbols::lookUp(Address address) {
       module == nullptr ? nullptr
                         : dwfl_module_addrinfo(module, address, &offset, &symbol, nullptr, nullptr, nullptr);
   // Past a symbol's end lies something else whose name is not known.
-  return name != nullptr && offset < symbol.st_size ? demangled(name) : "";
+  return name != nullptr && offset < symbol.st_size ? tracer::readableName(name) : "";
 }
 
 }  // namespace leaks

@@ -1,11 +1,11 @@
 #include "tools/sample/stack_reader.h"
 
-#include <cxxabi.h>
 #include <dwarf.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <string_view>
+
+#include "tools/tracer/symbol_name.h"
 
 namespace sample {
 
@@ -32,17 +32,6 @@ int addFrame(Dwfl_Frame* frame, void* argument) {
   if (!dwfl_frame_pc(frame, &pc, &isActivation)) return DWARF_CB_ABORT;
   chain.push_back(isActivation ? pc : pc - 1);
   return chain.size() < kMostFrames ? DWARF_CB_OK : DWARF_CB_ABORT;
-}
-
-// Without the symbol's version. A name of C that is a letter is also a mangled type, so only functions count.
-std::string demangled(std::string_view symbol) {
-  const std::string name(symbol.substr(0, symbol.find('@')));
-  if (!name.starts_with("_Z")) return name;
-  int status = 0;
-  char* const text = abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status);
-  std::string readable = status == 0 && text != nullptr ? text : name;
-  std::free(text);
-  return readable;
 }
 
 std::string fileName(const char* path) {
@@ -129,7 +118,7 @@ FunctionName StackReader::nameOf(std::uint64_t address) {
       dwfl_module_addrinfo(module, address, &offset, &symbol, nullptr, nullptr, nullptr);
   // Past a sized symbol's end lies another function whose name is not known.
   if (function != nullptr && (symbol.st_size == 0 || offset < symbol.st_size))
-    name.function = demangled(function);
+    name.function = tracer::readableName(function);
   return name;
 }
 
