@@ -1,6 +1,7 @@
 // A host's message sends, profiled by the host's own notifications and from outside.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -11,6 +12,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/end_to_end/host_process.h"
@@ -127,6 +129,14 @@ TEST_F(Profile, TheCommandLineRecordsForAWhile) {
   EXPECT_EQ(
       command(variables_, "profile " + pid + " --seconds 1 --format speedscope -o " + file.string()).code, 0);
   EXPECT_FALSE(nlohmann::json::parse(contentOf(file))["profiles"][0]["events"].empty());
+
+  // A run whose program ends is over at once.
+  std::thread user([&] {
+    EXPECT_TRUE(eventually([&] { return !fs::exists(page(host)); })) << "removed when the run begins";
+    kill(host.pid(), SIGKILL);
+  });
+  EXPECT_EQ(command(variables_, "profile " + pid + " --seconds 3600").code, 1);
+  user.join();
 
   EXPECT_EQ(command(variables_, "profile " + pid + " --seconds 0").code, 2);
   EXPECT_EQ(command(variables_, "profile 2147483647").code, 1);

@@ -1,12 +1,15 @@
 // profile: times the message sends of a monitored process's main thread for a while.
+#include <poll.h>
 #include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cmath>
+#include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <fstream>
+#include <iterator>
 #include <memory>
 
 #include "tools/quibvitalscope/command.h"
@@ -14,9 +17,12 @@
 #include "tools/quibvitalscope/process_link.h"
 #include "tools/quibvitalscope/profile_view.h"
 #include "tools/report_reader/diagnostic_folder.h"
+#include "vitalscope/platform/linux/descriptor.h"
 
 namespace qbv::cli {
 namespace {
+
+using linux_backend::Descriptor;
 
 constexpr double kLongest = 86400;
 
@@ -27,33 +33,34 @@ struct Options {
   std::string file;
 };
 
-// Until the time is over or the user has had enough; the run ends properly either way.
+// Until the time is over, the user has had enough or the process has ended. The user's signals end the wait
+// and not this program, so that the run is ended properly.
 class Patience {
  public:
   Patience() {
-    sigemptyset(&signals_);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals_, signal);
-    sigprocmask(SIG_BLOCK, &signals_, nullptr);
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    enough_ = Descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
   }
-  void last(double seconds) const {
-    timespec end{};
-    clock_gettime(CLOCK_MONOTONIC, &end);
-    const double whole = std::floor(seconds);
-    const auto nanoseconds = end.tv_nsec + std::lround((seconds - whole) * 1e9);
-    end.tv_sec += static_cast<time_t>(whole) + nanoseconds / 1'000'000'000;
-    end.tv_nsec = nanoseconds % 1'000'000'000;
-    for (;;) {
-      timespec now{};
-      clock_gettime(CLOCK_MONOTONIC, &now);
-      timespec left{end.tv_sec - now.tv_sec, end.tv_nsec - now.tv_nsec};
-      if (left.tv_nsec < 0) left = {left.tv_sec - 1, left.tv_nsec + 1'000'000'000};
-      if (left.tv_sec < 0) return;
-      if (sigtimedwait(&signals_, nullptr, &left) >= 0 || errno != EINTR) return;
+  // False when the process has ended.
+  bool last(double seconds, int process) const {
+    using std::chrono::milliseconds, std::chrono::steady_clock;
+    const Descriptor ended(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+    const auto end =
+        steady_clock::now() + std::chrono::ceil<milliseconds>(std::chrono::duration<double>(seconds));
+    pollfd awaited[] = {{enough_.get(), POLLIN, 0}, {ended.get(), POLLIN, 0}};
+    for (int ready = 0; ready == 0 || (ready < 0 && errno == EINTR);) {
+      const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now()).count();
+      if (left <= 0) return true;
+      ready = poll(awaited, std::size(awaited), static_cast<int>(left));
     }
+    return awaited[1].revents == 0;
   }
 
  private:
-  sigset_t signals_;
+  Descriptor enough_;
 };
 
 std::string rendered(const std::vector<ProfiledCall>& calls, const Options& options) {
@@ -80,7 +87,9 @@ int profile(const Options& options) {
   if (const auto client = linkTo(options.process, error); !client || !client->beginProfile(error))
     return fail(kExitFailure, error);
   if (isatty(STDERR_FILENO) != 0) std::fprintf(stderr, "Recording; Ctrl-C ends it early.\n");
-  patience.last(options.seconds);
+  if (!patience.last(options.seconds, options.process))
+    return fail(kExitFailure,
+                "process " + std::to_string(options.process) + " has ended, and the run with it");
   // Another connection: one that says nothing for long is closed by the process.
   const auto client = linkTo(options.process, error);
   const auto path = client ? client->endProfile(error) : std::nullopt;
