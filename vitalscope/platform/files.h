@@ -19,7 +19,8 @@ class QBV_EXPORT Files {
  public:
   virtual ~Files() = default;
 
-  // Home folder of the user: $HOME, else the password database; nothing when neither knows one.
+  // Home folder of the user: $HOME if it is an absolute path, else the password database; nothing when
+  // neither knows one.
   virtual std::optional<std::string> homeDirectory() = 0;
   virtual bool fileExists(const std::string& path) = 0;
   virtual bool isDirectory(const std::string& path) = 0;  // follows links
@@ -35,7 +36,8 @@ class QBV_EXPORT Files {
   virtual std::vector<std::string> contentsOfDirectory(const std::string& path) = 0;
   // A file, or a folder with all below it. Links are removed, not followed.
   virtual bool remove(const std::string& path) = 0;
-  // When the file was made; nothing when it cannot be read or the file system keeps no such date.
+  // When the file was made; nothing when it cannot be read. Where the file system keeps no such date (linux:
+  // network folders, some file systems in user space) it is when the content last changed.
   virtual std::optional<AbsoluteTime> creationDate(const std::string& path) = 0;
 
   // Descriptors and shared mappings. open: read and write, made when missing, -1 on failure; emptied when

@@ -85,7 +85,7 @@ class LinuxFiles final : public Files {
  public:
   std::optional<std::string> homeDirectory() override {
     const char* const home = std::getenv("HOME");
-    return home != nullptr && *home != '\0' ? std::optional<std::string>(home) : homeOfPasswordDatabase();
+    return home != nullptr && *home == '/' ? std::optional<std::string>(home) : homeOfPasswordDatabase();
   }
 
   bool fileExists(const std::string& path) override {
@@ -130,12 +130,12 @@ class LinuxFiles final : public Files {
 
   std::optional<AbsoluteTime> creationDate(const std::string& path) override {
     struct statx status;
-    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &status) != 0 ||
-        (status.stx_mask & STATX_BTIME) == 0) {
+    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME | STATX_MTIME, &status) != 0) {
       return std::nullopt;
     }
-    return static_cast<double>(status.stx_btime.tv_sec) - kCFAbsoluteTimeIntervalSince1970 +
-           status.stx_btime.tv_nsec / nanosecondsPerSecond;
+    const statx_timestamp& date = (status.stx_mask & STATX_BTIME) != 0 ? status.stx_btime : status.stx_mtime;
+    return static_cast<double>(date.tv_sec) - kCFAbsoluteTimeIntervalSince1970 +
+           date.tv_nsec / nanosecondsPerSecond;
   }
 
   int open(const std::string& path, bool truncate) override {
@@ -174,11 +174,11 @@ int LinuxFiles::setSize(int descriptor, std::uint64_t size) {
   if (to > from) {
     const int result = retried([&] { return ::fallocate(descriptor, 0, from, to - from); });
     if (result == 0) return 0;
-    const int error = errno;
-    if (error != EOPNOTSUPP && error != ENOSYS) {
-      if (::ftruncate(descriptor, from) != 0) return errno;
-      return error;
-    }
+    int error = errno;
+    // A file system that cannot reserve is made to by writing into every block.
+    if (error == EOPNOTSUPP || error == ENOSYS) error = ::posix_fallocate(descriptor, from, to - from);
+    if (error != 0 && ::ftruncate(descriptor, from) != 0) return errno;
+    return error;
   }
   return errorOf(retried([&] { return ::ftruncate(descriptor, to); }));
 }
