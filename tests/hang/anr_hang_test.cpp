@@ -80,6 +80,17 @@ TEST_F(ANRHangTest, LongBlockStaysAFreezeAndIsReportedEveryFiveSeconds) {
   EXPECT_EQ(monitor->anrTimes(), 20);
 }
 
+TEST_F(ANRHangTest, ClockThatWasSetBackSilencesNothing) {
+  start();
+  ticksWhileBlocked(1);
+  scripted.clock.setAbsoluteTime(scripted.clock.CFAbsoluteTimeGetCurrent() - 7200);
+  ticksWhileBlocked(1);
+  EXPECT_EQ(reportsOfLevel(1), 1U);
+  EXPECT_EQ(reportsOfLevel(2), 1U);
+  ticksWhileBlocked(4);
+  EXPECT_EQ(reportRequests(), 2U) << "five seconds are counted from there";
+}
+
 TEST_F(ANRHangTest, SampleRunsNextToTheReportUnderItsId) {
   scripted.dates.setZone(0, "UTC");
   start();

@@ -36,6 +36,12 @@ TEST(ReportGate, WarmUpMustBeExceeded) {
   }
 }
 
+TEST(ReportGate, AClockThatWasSetBackDoesNotBeginTheWarmUpAnew) {
+  ReportGate gate{.startTime = 10000};
+  EXPECT_TRUE(gate.decide(kHang, 1, 2800));
+  EXPECT_FALSE(gate.decide(QBVReportReasonObjectMemoryOversize, 0, 2800));
+}
+
 TEST(ReportGate, SpacingHoldsOnlyBetweenReportsOfOneReason) {
   ReportGate gate{.startTime = 0};
   EXPECT_TRUE(gate.decide(kMemory, 0, 100));
@@ -186,6 +192,26 @@ TEST_F(WriterTest, AFolderThatCannotBeWrittenLosesTheReportOnly) {
     system.files.clearFailures();
     EXPECT_THAT(filesBelow(system.files.home()), IsEmpty());
     EXPECT_THAT(system.processes.openedFiles(), IsEmpty());
+  }
+}
+
+// As on a full disk, where a file can be made but not filled.
+TEST_F(WriterTest, WhatCannotBeFilledIsNotKept) {
+  for (const bool logs : {true, false}) {
+    keepsLogs = logs;
+    const std::string path = system.files.home() + "/file";
+    system.files.fail(FileCall::setSize);
+    system.files.fail(FileCall::writeAtomically);
+    QBVitalscopeReport::writeData("text", path);
+    EXPECT_FALSE(exists(path));
+    system.files.clearFailures();
+    QBVitalscopeReport::writeData("older", path);
+    system.files.fail(FileCall::setSize);
+    system.files.fail(FileCall::writeAtomically);
+    QBVitalscopeReport::writeData("text", path);
+    EXPECT_EQ(content(path), "older");
+    system.files.clearFailures();
+    system.files.remove(path);
   }
 }
 

@@ -88,7 +88,10 @@ void QBVitalscopeANRMonitor::saveReportInfoWithReason(QBVReportReason reason) {
   anrTimes_.fetch_add(1, std::memory_order_relaxed);
 
   const qbv::AbsoluteTime now = platform().clock.CFAbsoluteTimeGetCurrent();
-  if (now - lastReportTime() < kSecondsBetweenReports) return;
+  const double sinceLastReport = now - lastReportTime();
+  // A clock that was set back tells nothing about the time between; it must not silence the monitor for
+  // hours.
+  if (sinceLastReport >= 0 && sinceLastReport < kSecondsBetweenReports) return;
   lastReportTime_.store(now, std::memory_order_relaxed);
 
   const std::uint64_t level = anrLevel();

@@ -154,7 +154,7 @@ class QBV_EXPORT QBVitalscopeReport {
   // once.
   void writeToDiskWithLeaksInfo(const std::string& leaksInfo);
   // What every file of the framework is written with. Log-keeping builds append, others replace the file in
-  // one step.
+  // one step. A new file that cannot be filled does not stay.
   static void writeData(const std::optional<std::string>& text, const std::optional<std::string>& path);
 
   // Gate state. Seconds of absolute time; 0 until a report has passed.

@@ -3,12 +3,13 @@
 namespace qbv {
 
 bool ReportGate::enbleFirstReportInTimeScope(QBVReportReason reason, AbsoluteTime now) const noexcept {
+  const bool clockWasSetBack = now < startTime;
   switch (reason) {
     case QBVReportReasonMainThreadBlock:
-      return now - startTime > 5.0;
+      return now - startTime > 5.0 || clockWasSetBack;
     case QBVReportReasonAppMemoryOversize:
     case QBVReportReasonPower:
-      return now - startTime > 30.0;
+      return now - startTime > 30.0 || clockWasSetBack;
     default:
       return false;
   }

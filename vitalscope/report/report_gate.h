@@ -14,7 +14,7 @@ struct ReportGate {
   AbsoluteTime reportTimeValue = 0;
 
   // More than 5 s after the start for a hang, more than 30 s for app memory and power; never for other
-  // reasons.
+  // reasons. A clock that now shows a time before the start was set back: then the warm-up counts as over.
   bool enbleFirstReportInTimeScope(QBVReportReason reason, AbsoluteTime now) const noexcept;
   // At least 5 s (hang), 30 s (app memory) or 0 s (others) after the last report.
   bool enableReportInTime(QBVReportReason reason, AbsoluteTime now) const noexcept;

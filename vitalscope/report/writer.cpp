@@ -68,7 +68,9 @@ void QBVitalscopeReport::writeData(const std::optional<std::string>& text,
                                    const std::optional<std::string>& path) {
   if (!text || !path) return;
   qbv::Files& files = qbv::platform().files;
-  if (!files.fileExists(*path)) files.createFile(*path);
+  const bool isNew = !files.fileExists(*path);
+  if (isNew) files.createFile(*path);
   if (QBVTool::isLogVersion() && QBVMMapFileManager::writeContent(text, path)) return;
-  files.writeAtomically(*path, *text);
+  // On a full disk an empty file would count among those kept, and push out a report that says something.
+  if (!files.writeAtomically(*path, *text) && isNew) files.remove(*path);
 }
