@@ -100,7 +100,8 @@ TEST_F(ControllerTest, HostsNotificationsStartAndStopOnTheGlobalQueue) {
   EXPECT_TRUE(anrMonitorRuns());
   post(kSignIn);
   EXPECT_TRUE(anrMonitorRuns());
-  EXPECT_EQ(scripted.dispatch.liveTimerCount(), 1U) << "in a build without logs nothing else runs";
+  EXPECT_EQ(scripted.dispatch.liveTimerCount(), 2U)
+      << "in a build without logs nothing runs beside it but the timer of the reports";
 
   post(kSignOut);
   EXPECT_FALSE(anrMonitorRuns());
@@ -108,6 +109,23 @@ TEST_F(ControllerTest, HostsNotificationsStartAndStopOnTheGlobalQueue) {
   EXPECT_TRUE(anrMonitorRuns());
   post(kTermination);
   EXPECT_FALSE(anrMonitorRuns());
+}
+
+TEST_F(ControllerTest, TheWarmUpOfReportsBeginsWithTheMonitors) {
+  qbv::load();
+  defineInternalUser();
+  scripted.task.addThread(qbv::ScriptedTask::kMainThread);
+  post(kSignIn);
+  post(qbv::NSApplicationDidBecomeActiveNotification);
+  for (int second = 0; second < 5; ++second) {
+    scripted.advance(1);
+    scripted.runLoop.drainAll();
+  }
+  scripted.advance(2);  // the first finding of all
+  EXPECT_EQ(QBVitalscopeANRMonitor::sharedInstance()->anrTimes(), 1);
+  EXPECT_THAT(scripted.files.contentsOfDirectory(scripted.files.home() +
+                                                 "/Library/Logs/quibapp/Diagnostic/4242/freeze/light"),
+              testing::SizeIs(1));
 }
 
 TEST_F(ControllerTest, NothingStartsForOthersAndStoppingIsHarmless) {

@@ -66,7 +66,6 @@ TEST(HangReports, HangsBecomeReportsThatNameWhatBlocks) {
   sleeps.tell({"block 2.5", "turn 4", "block 9", "turn 2"});
   // A busy main thread may be a CPU finding first, and then a hang only five seconds later.
   spins.tell({"spin 9", "turn 2"});
-  // In such builds the first finding may be the one that begins the warm-up.
   for (HostProcess* host : {&keepsNoLogs, &loadsLate})
     host->tell({"block 2.5", "turn 5", "block 9", "turn 1"});
 

@@ -96,6 +96,8 @@ TEST(Value, Utf8IsCheckedByteByByte) {
                           "\xf0\x90\x80", "\xfe", "a\xff"})
     EXPECT_FALSE(isValidUTF8(bad)) << bad;
   EXPECT_TRUE(isValidUTF8(std::string(3, '\0')));
+  EXPECT_EQ(repairedUTF8("h\xc3\xb6rt"), "h\xc3\xb6rt");
+  EXPECT_EQ(repairedUTF8("a\xffz\xe2\x82"), "a\xef\xbf\xbdz\xef\xbf\xbd\xef\xbf\xbd");
 }
 
 }  // namespace

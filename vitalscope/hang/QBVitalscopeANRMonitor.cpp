@@ -3,6 +3,7 @@
 #include "vitalscope/control/QBVTool.h"
 #include "vitalscope/hang/anr_level.h"
 #include "vitalscope/platform/platform.h"
+#include "vitalscope/report/QBVitalscopeReport.h"
 
 using qbv::platform;
 
@@ -26,6 +27,8 @@ QBVitalscopeANRMonitor::QBVitalscopeANRMonitor()
 }
 
 void QBVitalscopeANRMonitor::start() {
+  // Its warm-up begins when it is made, and is over when the first hang comes.
+  QBVitalscopeReport::sharedInstance();
   ticks_.start();
 }
 

@@ -40,6 +40,7 @@ class QBV_EXPORT QBVitalscopeANRMonitor {
 
   // Any thread. `start` while started does nothing, otherwise the first tick comes at once. `stop` while
   // stopped does nothing; a tick that is running goes on to its end. Waking from sleep starts the monitor.
+  // The first start makes the report singleton.
   void start();
   void stop();
 

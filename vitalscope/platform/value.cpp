@@ -105,6 +105,18 @@ bool isValidUTF8(const std::string& bytes) noexcept {
   return true;
 }
 
+std::string repairedUTF8(std::string bytes) {
+  if (isValidUTF8(bytes)) return bytes;
+  const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
+  std::string repaired;
+  for (std::size_t at = 0; at < bytes.size();) {
+    const std::size_t length = characterLength(data + at, bytes.size() - at);
+    length == 0 ? repaired.append("\xef\xbf\xbd") : repaired.append(bytes, at, length);
+    at += std::max<std::size_t>(length, 1);
+  }
+  return repaired;
+}
+
 // Between a Value and JSON, in both directions.
 struct ValueJson {
   static bool fits(const Value& value, int depth) {

@@ -77,5 +77,7 @@ class QBV_EXPORT Value {
 
 // Whether the bytes are well-formed UTF-8 (no surrogates, no overlong forms). Any thread.
 QBV_EXPORT bool isValidUTF8(const std::string& bytes) noexcept;
+// The bytes with U+FFFD in place of each that belongs to no well-formed character. Any thread.
+QBV_EXPORT std::string repairedUTF8(std::string bytes);
 
 }  // namespace qbv

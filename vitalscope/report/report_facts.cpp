@@ -71,10 +71,11 @@ std::string extraDataLine(const Value& extraData, const std::optional<std::strin
 }
 
 std::string reportText(const ReportFacts& facts) {
-  return headerText(facts.system, facts.reason, facts.dateTime, facts.allocMemoryLiveCount,
-                    facts.ocObjectLiveCount) +
-         "\n" + facts.backtrace + "\n" + binaryImagesText(facts.images, facts.system.bundleVersion) + "\n" +
-         extraDataLine(facts.extraData, facts.appMemoryRecords);
+  return repairedUTF8(headerText(facts.system, facts.reason, facts.dateTime, facts.allocMemoryLiveCount,
+                                 facts.ocObjectLiveCount) +
+                      "\n" + facts.backtrace + "\n" +
+                      binaryImagesText(facts.images, facts.system.bundleVersion) + "\n" +
+                      extraDataLine(facts.extraData, facts.appMemoryRecords));
 }
 
 }  // namespace qbv

@@ -13,7 +13,7 @@
 
 namespace qbv {
 
-// All a report says. Text from outside is printed as it is.
+// All a report says. Text from outside is printed as it is, but for bytes that are no UTF-8.
 struct ReportFacts {
   SystemFacts system;
   QBVReportReason reason = QBVReportReasonNone;
