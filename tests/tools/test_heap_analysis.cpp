@@ -89,7 +89,7 @@ TEST_F(HeapAnalysis, DistancesFromFontStructuresLeadToBlocksToo) {
   const Address pattern = heap.allocate(32);
   const Address members = heap.allocate(16 * 16 + 16);
   const Address value = heap.allocate(48);
-  const Address characters = heap.allocate(32);
+  const Address characters = heap.allocate(48);
   const Address leaves = heap.allocate(32);
   const Address numbers = heap.allocate(32);
   const Address leaf[] = {heap.allocate(48), heap.allocate(48)};

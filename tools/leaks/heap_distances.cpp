@@ -5,6 +5,7 @@ namespace leaks {
 namespace {
 
 constexpr Address kStructureSize = 24;  // of either
+constexpr Address kMostSpare = 16;      // the allocator splits off no less than 32 bytes
 constexpr Address kElementSize = 16;    // a pattern's: what it is, and a pointer to its values
 constexpr Address kLeafSize = 32;       // a character set's: 256 bits
 constexpr std::uint64_t kMostMembers = 0x10000;
@@ -32,7 +33,7 @@ std::vector<Address> characterSet(const Memory& memory, const Heap& heap, Addres
 }  // namespace
 
 std::vector<Address> distantTargets(const Memory& memory, const Heap& heap, const Chunk& chunk) {
-  if (chunk.contentSize() != kStructureSize) return {};
+  if (chunk.contentSize() < kStructureSize || chunk.contentSize() > kStructureSize + kMostSpare) return {};
   const Address block = chunk.content();
   const std::uint64_t counts = memory.word(block).value_or(0);
   const std::uint64_t first = counts & 0xffffffff;
