@@ -212,6 +212,13 @@ void keepAllocating() {
     }).detach();
 }
 
+void keepStartingThreads() {
+  for (int i = 0; i < kThreads; ++i)
+    std::thread([] {
+      while (true) std::thread([] { std::free(filled(100)); }).join();
+    }).detach();
+}
+
 void takeTheSystemsBreak() {
   kept[0].push_back(static_cast<char*>(filled(50000)));
   void* const own = sbrk(12345);
@@ -229,6 +236,7 @@ const std::map<std::string, std::function<void()>> kModes = {
     {"held", [] { holdInOddPlaces(); }},
     {"ended", [] { letThreadsEnd(); }},
     {"busy", [] { keepAllocating(); }},
+    {"starts", [] { keepStartingThreads(); }},
     {"break", [] { takeTheSystemsBreak(); }},
     {"headless", [] { loseSomeOfMany(4000, 40); }},
 };

@@ -195,6 +195,14 @@ TEST(LeaksTool, WaitsUntilNoThreadIsInsideTheAllocator) {
   }
 }
 
+TEST(LeaksTool, KeepsUpWithThreadsThatStartAndEnd) {
+  const Victim victim({"starts"});
+  for (int i = 0; i < 10; ++i) {
+    const Outcome outcome = check(victim);
+    EXPECT_EQ(outcome.code, 0) << outcome.errors;
+  }
+}
+
 TEST(LeaksTool, TheProcessRunsOnWheneverTheToolIsKilled) {
   const Victim victim({"few"});
   for (int delay = 0; delay < 40; ++delay) {

@@ -21,9 +21,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMostStops = 200;     // until one finds no thread inside the allocator
-constexpr int kPatientStops = 10;   // that are given up while a thread still runs
 constexpr int kMostSnapshots = 10;  // until one is consistent
 constexpr int kMostWithoutHeap = 3;
+constexpr std::chrono::seconds kPatience{15};  // with threads that cannot be stopped
 constexpr std::chrono::milliseconds kBetweenStops{3};
 constexpr std::chrono::milliseconds kBetweenPasses{10};
 
@@ -112,6 +112,7 @@ class Check {
   }
 
   std::string takeSnapshot() {
+    const auto start = Clock::now();
     for (int stop = 0; stop < kMostStops; ++stop) {
       if (std::string failure = reader_.prepare(); !failure.empty()) return failure;
       const std::vector<Address> locks = arenaLocks();
@@ -124,10 +125,10 @@ class Check {
       const std::size_t running = tracer.running();
       if (threads.empty() && running == 0) return "the process has ended";
       // A thread deep in the kernel cannot be stopped, and changes nothing; any other is waited for.
-      const bool isStill = running == 0 || (stop >= kPatientStops && !threads.empty());
+      const bool isStill = running == 0 || (begin - start > kPatience && !threads.empty());
       const bool isCopied = isStill && !isAnyHeld(locks) && reader_.copy(std::move(threads), snapshot_);
-      tracer.detach();
       const std::chrono::duration<double, std::milli> length = Clock::now() - begin;
+      tracer.detach();
       if (isCopied) {
         report_.note = noteOn(running);
         report_.stoppedMilliseconds.push_back(length.count());
@@ -141,11 +142,11 @@ class Check {
   // What makes the result less sure.
   std::string noteOn(std::size_t running) const {
     const auto tooLarge = std::count_if(snapshot_.mappings.begin(), snapshot_.mappings.end(), isTooLarge);
-    std::string note = running == 0 ? "" : std::to_string(running) + " threads could not be stopped";
+    std::string note = running == 0 ? "" : "threads that could not be stopped: " + std::to_string(running);
     if (tooLarge > 0)
-      note +=
-          (note.empty() ? "" : "; ") + std::to_string(tooLarge) +
-          " mappings of more than 16 GB were not looked at, and what only they point to is listed as lost";
+      note += (note.empty() ? "" : "; ") +
+              ("what only mappings of more than 16 GB point to is listed as lost: there are " +
+               std::to_string(tooLarge));
     return note;
   }
 

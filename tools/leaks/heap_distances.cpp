@@ -4,11 +4,11 @@ namespace leaks {
 
 namespace {
 
-constexpr Address kStructureSize = 24;  // of either
-constexpr Address kMostSpare = 16;      // the allocator splits off no less than 32 bytes
-constexpr Address kElementSize = 16;    // a pattern's: what it is, and a pointer to its values
-constexpr Address kLeafSize = 32;       // a character set's: 256 bits
-constexpr std::uint64_t kMostMembers = 0x10000;
+constexpr Address kStructureSize = 24;          // of either
+constexpr Address kMostSpare = 16;              // the allocator splits off no less than 32 bytes
+constexpr Address kElementSize = 16;            // a pattern's: what it is, and a pointer to its values
+constexpr Address kLeafSize = 32;               // a character set's: 256 bits
+constexpr std::uint64_t kMostMembers = 0x1100;  // leaves for every character there is
 
 bool isBlockOf(const Heap& heap, Address address, Address size) {
   const std::size_t index = heap.chunkAt(address);

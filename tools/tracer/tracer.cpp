@@ -17,7 +17,7 @@ namespace tracer {
 
 namespace {
 
-// The first number behind a key of the process's status; nothing when it cannot be read.
+// The first number behind a key of a process's or thread's status; nothing when it cannot be read.
 std::optional<long> statusNumber(pid_t process, const std::string& wanted) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
   for (std::string key, rest; status >> key && std::getline(status, rest);)
@@ -74,8 +74,12 @@ std::string Tracer::attach() {
 
 bool Tracer::seize(pid_t thread) {
   if (ptrace(PTRACE_SEIZE, thread, nullptr, PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC) != 0) {
-    // A thread made by one that is traced already is attached by the kernel.
-    return false;
+    const int error = errno;
+    // Attached already: by the kernel, since one that is traced made it, or by an earlier tracer of this
+    // program that could not let go of it.
+    const bool isOurs = error == EPERM && statusNumber(thread, "TracerPid:") == getpid();
+    errno = error;
+    if (!isOurs) return false;
   }
   threads_[thread] = State::running;
   return true;
