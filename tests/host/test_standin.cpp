@@ -276,7 +276,8 @@ TEST_F(StandIn, ProgramsRunAsTheyDoWithoutIt) {
       "bash -c 'exec 3<>/dev/null 9>&1; echo via nine >&9; for fd in /proc/self/fd/?; do echo $fd; done'",
       "python3 -c 'import os, threading, subprocess\n"
       "print(len(os.listdir(\"/proc/self/task\")), sorted(map(int, os.listdir(\"/proc/self/fd\")))[:4])\n"
-      "threading.Thread(target=print, args=(1,)).start()\n"
+      "thread = threading.Thread(target=print, args=(1,))\n"
+      "thread.start(); thread.join()\n"
       "print(subprocess.run([\"echo\", \"child\"], stdout=-1).stdout)'",
       "unshare -U true",
       "sh -c 'kill -TERM $$'",

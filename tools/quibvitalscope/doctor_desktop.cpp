@@ -2,10 +2,15 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <future>
+#include <optional>
 #include <string_view>
+#include <thread>
+#include <utility>
 
 #include "host/standin/x11_display.h"
 #include "tools/quibvitalscope/doctor_checks.h"
@@ -22,27 +27,45 @@ std::string variable(const char* name) {
   return value == nullptr ? "" : value;
 }
 
-Check display() {
+struct DisplayFacts {
+  bool reached = false;
+  bool tellsActiveWindow = false;
+};
+
+// Nothing when it does not answer in three seconds; the thread that asks is then left behind.
+std::optional<DisplayFacts> askDisplay() {
+  if (variable("DISPLAY").empty()) return DisplayFacts();
+  std::promise<DisplayFacts> answer;
+  std::future<DisplayFacts> answered = answer.get_future();
+  std::thread([answer = std::move(answer)]() mutable {
+    const auto display = standin::X11Display::connect(nullptr);
+    answer.set_value({display != nullptr, display != nullptr && display->activeWindow().has_value()});
+  }).detach();
+  if (answered.wait_for(std::chrono::seconds(3)) != std::future_status::ready) return std::nullopt;
+  return answered.get();
+}
+
+Check display(const std::optional<DisplayFacts>& facts) {
   Check check{"display", State::missing, false, "DISPLAY is not set", "the dashboard window", ""};
   const std::string name = variable("DISPLAY");
+  if (facts && facts->reached) check.state = State::works;
   if (!name.empty()) {
-    const bool reached = standin::X11Display::connect(nullptr) != nullptr;
-    check.state = reached ? State::works : State::missing;
-    check.finding = reached ? "X display " + name : "X display " + name + " cannot be reached";
+    check.finding = "X display " + name;
+    if (!facts) check.finding += " does not answer";
+    if (facts && !facts->reached) check.finding += " cannot be reached";
   }
   if (check.state == State::missing) check.fallback = "no dashboard; everything else works";
   return check;
 }
 
-Check windowManager() {
+Check windowManager(const std::optional<DisplayFacts>& facts) {
   Check check{"window-manager", State::limited, false, "", "whether the application is the one in front", ""};
-  const auto x = variable("DISPLAY").empty() ? nullptr : standin::X11Display::connect(nullptr);
-  if (x && x->activeWindow()) {
+  if (facts && facts->tellsActiveWindow) {
     check.state = State::works;
     check.finding = "tells the active window (_NET_ACTIVE_WINDOW)";
     return check;
   }
-  check.finding = x ? "no window manager tells the active window" : "no X display";
+  check.finding = facts && facts->reached ? "no window manager tells the active window" : "no X display";
   check.fallback = "'run' takes the application as being in front all the time";
   return check;
 }
@@ -129,7 +152,8 @@ Check opener() {
 }  // namespace
 
 std::vector<Check> desktopChecks() {
-  return {display(), windowManager(), sessionBus(), systemBus(), loginManager(), opener()};
+  const auto facts = askDisplay();
+  return {display(facts), windowManager(facts), sessionBus(), systemBus(), loginManager(), opener()};
 }
 
 }  // namespace qbv::cli
