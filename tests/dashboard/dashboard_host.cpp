@@ -29,9 +29,7 @@ QBVitalscopeDashboard& dashboard() {
 }
 
 void turnOnce(int milliseconds) {
-  qbv::RunLoop& loop = qbv::platform().runLoop;
-  pollfd entry{loop.descriptor(), POLLIN, 0};
-  if (poll(&entry, 1, milliseconds) > 0) loop.drain();
+  qbv::platform().runLoop.runOnce(milliseconds);
 }
 
 void turn(double seconds) {

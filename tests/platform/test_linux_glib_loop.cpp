@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -155,9 +157,11 @@ TEST(LinuxGlibLoop, BlocksAreATurnOfTheirOwnWhereTheHostTookThePollAway) {
 }
 
 int hostPolls = 0;
+int longestWait = 0;  // milliseconds
 GPollFunc chained = nullptr;
 int hostPoll(GPollFD* entries, guint count, gint timeout) {
   ++hostPolls;
+  longestWait = std::max(longestWait, timeout < 0 ? INT_MAX : timeout);
   return chained(entries, count, timeout);
 }
 void setHostPoll() {
@@ -183,6 +187,27 @@ TEST(LinuxGlibLoop, PollFunctionOfTheHostIsKept) {
   EXPECT_GT(hostPolls, 0);
   EXPECT_EQ(ran, 2);
   EXPECT_STREQ(runLoop().mainLoopKind(), "GLib") << "told by the source, though the wrapper is gone";
+}
+
+TEST(LinuxGlibLoop, LoopWakesByItselfForTimersOfTheMainQueue) {
+  setHostPoll();
+  Loop loop;
+  int firings = 0;
+  const DispatchTimerRef timer = dispatch().dispatch_source_create(dispatch().dispatch_get_main_queue());
+  dispatch().dispatch_source_set_timer(timer, NSEC_PER_SEC / 50, 0);
+  dispatch().dispatch_source_set_event_handler(timer, [&] {
+    if (++firings == 10) loop.quit();
+  });
+  dispatch().dispatch_resume(timer);
+  loop.run();
+  EXPECT_EQ(firings, 10);
+  EXPECT_LE(longestWait, 20);
+
+  dispatch().dispatch_source_cancel(timer);
+  longestWait = 0;
+  std::jthread([&] { post([&] { loop.quit(); }); });
+  loop.run();
+  EXPECT_EQ(longestWait, INT_MAX) << "there is nothing to wake for";
 }
 
 // A script may turn the default context on a thread of its own. Blocks for the main thread must wait, and

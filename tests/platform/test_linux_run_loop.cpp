@@ -53,6 +53,26 @@ TEST(LinuxRunLoop, BlocksOfEachThreadRunInTheirOrder) {
   EXPECT_EQ(misplaced, 0);
 }
 
+// The main thread wakes itself for them while its loop knows how, and is woken where it does not.
+TEST(LinuxRunLoop, TimersOfTheMainQueueFireWhicheverLoopTheHostTurnsTo) {
+  int firings = 0;
+  const DispatchTimerRef timer = dispatch().dispatch_source_create(dispatch().dispatch_get_main_queue());
+  dispatch().dispatch_source_set_timer(timer, NSEC_PER_SEC / 100, 0);
+  dispatch().dispatch_source_set_event_handler(timer, [&] { ++firings; });
+  dispatch().dispatch_resume(timer);
+  for (int round = 0; round < 2; ++round) {
+    for (firings = 0; firings < 3;) runLoop().runOnce(-1);
+    for (firings = 0; firings < 3;) {
+      pollfd entry{runLoop().descriptor(), POLLIN, 0};
+      ASSERT_EQ(poll(&entry, 1, 30'000), 1);
+      runLoop().drain();
+    }
+  }
+  dispatch().dispatch_source_cancel(timer);
+  runLoop().drain();  // a firing that waited
+  EXPECT_FALSE(runLoop().runOnce(50));
+}
+
 TEST(LinuxRunLoop, DrainRunsTheBlocksThatWaitAndNoneTheyAdd) {
   std::vector<int> order;
   EXPECT_FALSE(runLoop().drain());

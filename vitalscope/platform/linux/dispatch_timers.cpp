@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "vitalscope/platform/linux/fork_guard.h"
+#include "vitalscope/platform/linux/run_loop_queue.h"
 #include "vitalscope/platform/linux/thread_start.h"
 
 namespace qbv::linux_backend {
@@ -16,6 +17,8 @@ using SteadyClock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kNever = std::numeric_limits<std::int64_t>::max();
 constexpr std::chrono::seconds kIdleTime{5};
+// How late the main thread may be with a firing until the timer thread takes its timers back.
+constexpr std::uint64_t kTrustInMainThread = NSEC_PER_SEC;
 // The timer thread runs no handler.
 constexpr std::size_t kTimerStackBytes = std::size_t{128} * 1024;
 
@@ -38,7 +41,7 @@ std::uint64_t later(std::uint64_t a, std::uint64_t b) noexcept {
 // --- Timer ---
 
 Timer::Timer(std::shared_ptr<TargetQueue> queue, TimerThread& thread)
-    : queue_(std::move(queue)), thread_(thread) {}
+    : queue_(std::move(queue)), isOfMainQueue_(queue_.get() == &MainQueue::shared()), thread_(thread) {}
 
 Timer::~Timer() {
   if (isForkedChild()) return;
@@ -121,6 +124,8 @@ void Timer::scheduleFrom(std::uint64_t now) {
   if (interval_ == 0) return;
   deadline_ = later(now, interval_);
   thread_.arm(*this);
+  // It may sleep past the new deadline: it looks again before its next wait.
+  if (isOfMainQueue_) thread_.mainThreadLooks_ = false;
 }
 
 void Timer::skipPast(std::uint64_t now) noexcept {
@@ -141,6 +146,7 @@ TimerThread& TimerThread::shared() {
 
 void TimerThread::arm(Timer& timer) noexcept {
   timer.armed_ = true;
+  if (timer.isOfMainQueue_) armedOfMainQueue_.fetch_add(1, std::memory_order_relaxed);
   timer.previous_ = nullptr;
   timer.following_ = armed_;
   if (armed_ != nullptr) armed_->previous_ = &timer;
@@ -150,6 +156,7 @@ void TimerThread::arm(Timer& timer) noexcept {
 void TimerThread::disarm(Timer& timer) noexcept {
   if (!timer.armed_) return;
   timer.armed_ = false;
+  if (timer.isOfMainQueue_) armedOfMainQueue_.fetch_sub(1, std::memory_order_relaxed);
   (timer.previous_ == nullptr ? armed_ : timer.previous_->following_) = timer.following_;
   if (timer.following_ != nullptr) timer.following_->previous_ = timer.previous_;
 }
@@ -176,7 +183,7 @@ void TimerThread::threadMain(void* self) {
 void TimerThread::loop() {
   std::unique_lock lock(mutex_);
   for (;;) {
-    WorkList due = takeDue(monotonicNow());
+    WorkList due = takeDue(monotonicNow(), Looker::timerThread);
     if (!due.empty()) {
       lock.unlock();
       while (WorkItem* const firing = due.pop()) {
@@ -197,18 +204,54 @@ void TimerThread::loop() {
 void TimerThread::sleep(std::unique_lock<std::mutex>& lock) {
   std::uint64_t wakeUp = kNever;
   for (const Timer* timer = armed_; timer != nullptr; timer = timer->following_)
-    wakeUp = std::min(wakeUp, later(timer->deadline_, timer->leeway_));
+    wakeUp = std::min(wakeUp, later(timer->deadline_, std::max(timer->leeway_, graceOf(*timer))));
   changed_.wait_until(lock, timePoint(wakeUp));
 }
 
-WorkList TimerThread::takeDue(std::uint64_t now) {
+std::uint64_t TimerThread::graceOf(const Timer& timer) const noexcept {
+  return mainThreadLooks_ && timer.isOfMainQueue_ ? kTrustInMainThread : 0;
+}
+
+WorkList TimerThread::takeDue(std::uint64_t now, Looker looker) {
+  const bool isMainThread = looker == Looker::mainThread;
   WorkList due;
   for (Timer* timer = armed_; timer != nullptr; timer = timer->following_) {
-    if (timer->deadline_ > now) continue;
+    if (isMainThread && !timer->isOfMainQueue_) continue;
+    if (later(timer->deadline_, isMainThread ? 0 : graceOf(*timer)) > now) continue;
+    if (timer->isOfMainQueue_) mainThreadLooks_ = isMainThread;
     timer->skipPast(now);
     if (timer->beginFiring()) due.push(*timer);
   }
   return due;
+}
+
+int TimerThread::shortenedWait(int timeoutMilliseconds) {
+  constexpr std::uint64_t kNanosecondsPerMillisecond = 1'000'000;
+  if (armedOfMainQueue_.load(std::memory_order_relaxed) == 0 || isForkedChild()) return timeoutMilliseconds;
+  const std::lock_guard lock(mutex_);
+  mainThreadLooks_ = true;
+  std::uint64_t wakeUp = kNever;
+  for (const Timer* timer = armed_; timer != nullptr; timer = timer->following_)
+    if (timer->isOfMainQueue_) wakeUp = std::min(wakeUp, later(timer->deadline_, timer->leeway_));
+  const std::uint64_t now = monotonicNow();
+  const std::uint64_t left = wakeUp > now ? (wakeUp - now - 1) / kNanosecondsPerMillisecond + 1 : 0;
+  const int until = static_cast<int>(std::min<std::uint64_t>(left, std::numeric_limits<int>::max()));
+  return timeoutMilliseconds < 0 ? until : std::min(timeoutMilliseconds, until);
+}
+
+bool TimerThread::fireOfMainQueue() {
+  if (armedOfMainQueue_.load(std::memory_order_relaxed) == 0 || isForkedChild()) return false;
+  WorkList due;
+  {
+    const std::lock_guard lock(mutex_);
+    due = takeDue(monotonicNow(), Looker::mainThread);
+  }
+  bool any = false;
+  while (WorkItem* const firing = due.pop()) {
+    MainQueue::shared().enqueue(*firing);
+    any = true;
+  }
+  return any;
 }
 
 }  // namespace qbv::linux_backend

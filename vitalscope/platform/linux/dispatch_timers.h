@@ -1,6 +1,7 @@
 // Repeating timers and the thread that knows when they are due.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -37,6 +38,7 @@ class Timer final : public DispatchTimer, private WorkItem, public std::enable_s
   void skipPast(std::uint64_t now) noexcept;
 
   const std::shared_ptr<TargetQueue> queue_;
+  const bool isOfMainQueue_;
   TimerThread& thread_;
 
   // All below under the thread's lock.
@@ -57,20 +59,33 @@ class Timer final : public DispatchTimer, private WorkItem, public std::enable_s
 // then. A timer with leeway is not woken for before its deadline and leeway have passed, so it goes along
 // with others. The thread is made when the first timer is resumed and ends when there has been none for 5
 // seconds. Never destroyed.
+//
+// Timers of the main queue are left to the main thread as long as it looks after them in its own waits: that
+// saves a wake-up of the thread, and one of the main thread by it, at every firing. The thread takes them
+// back when one is overdue by a second, because the loop has become another or does not turn.
 class TimerThread {
  public:
   ~TimerThread() = delete;
   static TimerThread& shared();
 
+  // Main thread, about to wait: as long as given (negative: without end), or until a timer of the main queue
+  // is due. From then on it looks after them. One load while there are none.
+  int shortenedWait(int timeoutMilliseconds);
+  // Main thread, after it has waited: puts the firings that are due on the main queue. Whether there were
+  // any.
+  bool fireOfMainQueue();
+
  private:
   friend class Timer;
+  enum class Looker { timerThread, mainThread };
   TimerThread();
 
   static void threadMain(void* self);
   void loop();
   void sleep(std::unique_lock<std::mutex>& lock);
-  // The three below with the lock held.
-  WorkList takeDue(std::uint64_t now);
+  // The four below with the lock held.
+  WorkList takeDue(std::uint64_t now, Looker looker);
+  std::uint64_t graceOf(const Timer& timer) const noexcept;
   void arm(Timer& timer) noexcept;
   void disarm(Timer& timer) noexcept;
   // Makes the thread or has it look at the timers again. Without the lock.
@@ -80,6 +95,8 @@ class TimerThread {
   std::condition_variable changed_;
   Timer* armed_ = nullptr;  // few: they are looked through one by one
   bool running_ = false;
+  bool mainThreadLooks_ = false;
+  std::atomic<int> armedOfMainQueue_{0};  // changes under the lock
 };
 
 }  // namespace qbv::linux_backend

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "vitalscope/platform/linux/dispatch_timers.h"
 #include "vitalscope/platform/linux/fork_guard.h"
 #include "vitalscope/platform/linux/gtk_events.h"
 #include "vitalscope/platform/linux/loaded_library.h"
@@ -80,14 +81,25 @@ int pollWithoutMainQueue(std::span<GPollFD> entries, int timeout) {
 // This pass has been told by the wrapped poll function. Main thread only.
 constinit bool passIsTold = false;
 
-void tellWokenPass(bool slept) {
+// The pass that the firings ended is the one that runs them.
+int withFirings(std::span<GPollFD> entries, int ready) {
+  if (!TimerThread::shared().fireOfMainQueue() || ready < 0) return ready;
+  const auto entry = std::ranges::find(entries, MainQueue::shared().descriptor(), &GPollFD::fd);
+  if (entry == entries.end() || entry->revents != 0) return ready;
+  entry->revents = POLLIN;
+  return ready + 1;
+}
+
+int tellWokenPass(std::span<GPollFD> entries, int ready, bool slept) {
   const int error = errno;
+  ready = withFirings(entries, ready);
   if (slept) tellActivity(kCFRunLoopAfterWaiting);
   tellActivity(kCFRunLoopBeforeTimers);
   tellActivity(kCFRunLoopBeforeSources);
   passIsTold = true;
   lookForGtkEvents();
   errno = error;
+  return ready;
 }
 
 // GLib says nothing of a loop's begin and end. A poll that does not wait, because an idle source is ready or
@@ -97,9 +109,9 @@ int pollOfMainContext(GPollFD* entries, unsigned count, int timeout) {
   if (!onMainThread()) return pollWithoutMainQueue({entries, count}, timeout);
   noteLoopPass(LoopKind::glib);
   tellActivity(timeout != 0 ? kCFRunLoopBeforeWaiting : kCFRunLoopExit);
-  const int ready = pollOfHost.load(std::memory_order_relaxed)(entries, count, timeout);
-  tellWokenPass(timeout != 0);
-  return ready;
+  const int ready = pollOfHost.load(std::memory_order_relaxed)(entries, count,
+                                                               TimerThread::shared().shortenedWait(timeout));
+  return tellWokenPass({entries, count}, ready, timeout != 0);
 }
 
 int drainMainQueue(int, unsigned condition, void*) {

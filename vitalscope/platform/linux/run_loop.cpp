@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "vitalscope/platform/linux/areas.h"
+#include "vitalscope/platform/linux/dispatch_timers.h"
 #include "vitalscope/platform/linux/fork_guard.h"
 #include "vitalscope/platform/linux/gtk_events.h"
 #include "vitalscope/platform/linux/library_watch.h"
@@ -82,6 +83,7 @@ class LinuxRunLoop final : public RunLoop {
   bool stopped(const Run& run);
 
   MainQueue& queue_ = MainQueue::shared();
+  TimerThread& timers_ = TimerThread::shared();
   Application application_{runtime()};
   bool hostTellsWaits_ = false;  // main thread only
   std::mutex mutex_;
@@ -96,7 +98,8 @@ bool LinuxRunLoop::pass(int timeoutMilliseconds) {
   tellActivity(kCFRunLoopBeforeSources);
   const bool tellSleep = timeoutMilliseconds != 0 && loopObservers().any() && !queue_.hasWork();
   if (tellSleep) tellActivity(kCFRunLoopBeforeWaiting);
-  waitReadable(wake, timeoutMilliseconds);
+  waitReadable(wake, timers_.shortenedWait(timeoutMilliseconds));
+  timers_.fireOfMainQueue();
   if (tellSleep) tellActivity(kCFRunLoopAfterWaiting);
   return queue_.drain();
 }
