@@ -22,15 +22,16 @@ class DisplayListener {
 class WindowDisplay {
  public:
   virtual ~WindowDisplay() = default;
-  // Readable when events wait, as long as handleEvents was called since anything else was.
+  // Readable when something has arrived, as long as handleEvents was called since anything else was.
   virtual int descriptor() = 0;
   // In points; the bottom left is 0, 0.
   virtual NSRect mainScreen() = 0;
   // Makes the window if it is a new one.
   virtual void present(WindowNumber window, const WindowState& state) = 0;
   virtual void remove(WindowNumber window) = 0;
-  // Sends what waits to be sent, and tells what has happened. False when the connection is lost.
-  virtual bool handleEvents(DisplayListener& listener) = 0;
+  // Sends what waits to be sent, and tells what has happened. `arrived`: the descriptor was found readable.
+  // False when the connection is lost.
+  virtual bool handleEvents(DisplayListener& listener, bool arrived) = 0;
 };
 
 // What the module exports: a connection to the user's display, or null.

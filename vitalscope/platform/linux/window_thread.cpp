@@ -83,7 +83,7 @@ void WindowThread::serve(WindowDisplay& display) {
       else
         display.present(window, wanted.state);
     }
-    if (!display.handleEvents(*this)) return;
+    if (!display.handleEvents(*this, ready[0].revents != 0)) return;
     retried([&] { return ::poll(ready, 2, -1); });
   }
 }

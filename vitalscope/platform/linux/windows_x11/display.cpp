@@ -62,14 +62,23 @@ void Display::look(std::chrono::steady_clock::time_point now) {
   desk_.composited = owner != nullptr && owner->owner != XCB_NONE;
 }
 
-bool Display::handleEvents(linux_backend::DisplayListener& listener) {
-  while (const Owned<xcb_generic_event_t> event{xcb_poll_for_event(desk_.connection)})
-    handle(*event, listener);
-  if (std::exchange(othersRaised_, false) && !fullScreenWindowIsActive())
-    for (auto& [number, window] : windows_)
-      if (window.visible()) window.raise();
-  xcb_flush(desk_.connection);
+bool Display::handleEvents(linux_backend::DisplayListener& listener, bool arrived) {
+  using Event = Owned<xcb_generic_event_t>;
+  const auto nextInQueue = [&] { return Event(xcb_poll_for_queued_event(desk_.connection)); };
+  Event event = arrived ? Event(xcb_poll_for_event(desk_.connection)) : nextInQueue();
+  do {
+    for (; event != nullptr; event = nextInQueue()) handle(*event, listener);
+    raiseAgain();
+    xcb_flush(desk_.connection);
+    event = nextInQueue();  // what was read while sending
+  } while (event != nullptr);
   return xcb_connection_has_error(desk_.connection) == 0;
+}
+
+void Display::raiseAgain() {
+  if (!std::exchange(othersRaised_, false) || fullScreenWindowIsActive()) return;
+  for (auto& [number, window] : windows_)
+    if (window.visible()) window.raise();
 }
 
 void Display::handle(const xcb_generic_event_t& event, linux_backend::DisplayListener& listener) {

@@ -22,12 +22,13 @@ class Display final : public linux_backend::WindowDisplay {
   NSRect mainScreen() override { return desk_.screen.points(); }
   void present(WindowNumber number, const WindowState& state) override;
   void remove(WindowNumber number) override { windows_.erase(number); }
-  bool handleEvents(linux_backend::DisplayListener& listener) override;
+  bool handleEvents(linux_backend::DisplayListener& listener, bool arrived) override;
 
  private:
   Display(Connection connection, Desk desk);
 
   void handle(const xcb_generic_event_t& event, linux_backend::DisplayListener& listener);
+  void raiseAgain();
   void look(std::chrono::steady_clock::time_point now);
   bool fullScreenWindowIsActive() const;
   std::pair<const WindowNumber, Window>* find(xcb_window_t window);
