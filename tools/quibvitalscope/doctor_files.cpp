@@ -62,7 +62,7 @@ Check creationDate() {
   if (result == 0 && (status.stx_mask & STATX_BTIME) != 0) return check;
   check.state = State::limited;
   check.finding = "the file system of " + place + " keeps no creation dates";
-  check.fallback = "a file whose date is unknown is kept: old reports have to be removed by hand";
+  check.fallback = "the date of a file's last change is taken";
   return check;
 }
 
