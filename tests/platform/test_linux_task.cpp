@@ -167,11 +167,12 @@ TEST(DecayedLoad, DoesNotDependOnHowOftenItIsAsked) {
 
 TEST(DecayedLoad, FirstSightOfAThread) {
   EXPECT_EQ(firstSight(kSecond, 50 * kSecond, 3600, false).usage(), 0);
-  EXPECT_EQ(firstSight(kSecond, 50 * kSecond, 3600, true).usage(), 1000);
+  EXPECT_EQ(firstSight(kSecond, 3600 * kSecond, 3600, true).usage(), 1000);
+  EXPECT_LT(firstSight(kSecond, 3 * kSecond, 3600, true).usage(), 10) << "has just been woken";
   EXPECT_EQ(firstSight(kSecond, kSecond, 1.0, true).usage(), 500);
   EXPECT_LT(firstSight(kSecond, kSecond / 100, 0.01, true).usage(), 10);
-  DecayedLoad running = firstSight(kSecond, 0, 3600, true);
-  running.update(2 * kSecond, kSecond / 4);
+  DecayedLoad running = firstSight(kSecond, 3600 * kSecond, 3600, true);
+  running.update(2 * kSecond, 3600 * kSecond + kSecond / 4);
   EXPECT_EQ(running.usage(), 250) << "what was watched outweighs the first glance";
 }
 

@@ -130,7 +130,7 @@ DecayedLoad firstSight(std::uint64_t wall, std::uint64_t cpu, double age, bool r
     load.weight = 1;
   } else {
     load.weight = 1e-6;  // next to nothing against the first time that is really watched
-    load.sum = runs ? load.weight : 0;
+    load.sum = runs ? load.weight * loadOf(static_cast<double>(cpu) / 1e9, age) : 0;
   }
   return load;
 }

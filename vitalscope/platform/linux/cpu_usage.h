@@ -21,7 +21,9 @@ struct DecayedLoad {
 };
 
 // The state to start from when a thread is first seen: cpu used in a life of age seconds counts for the
-// average as if used evenly when the life was short; of an older thread only whether it runs now is known.
+// average as if used evenly when the life was short. An older thread that does not run now counts as idle,
+// one that runs has the share that it had of its whole life: that it runs may mean no more than that it has
+// just been woken, as the threads that lead up to this question have.
 DecayedLoad firstSight(std::uint64_t wall, std::uint64_t cpu, double age, bool runs);
 
 // CPU time of a thread of the own process in nanoseconds; nothing for any other number and for dead threads.
