@@ -38,8 +38,7 @@ bool QBVitalscopeANRMonitor::mainLoopTurns() {
     loopMissed_ = true;
     platform().log.NSLog(
         "QuibVitalscope: no main loop has been seen yet, so hangs are not watched. A program with a loop of "
-        "its "
-        "own polls the main queue's descriptor.");
+        "its own polls the main queue's descriptor.");
   }
   return false;
 }
