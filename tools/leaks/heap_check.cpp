@@ -23,6 +23,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kMostStops = 200;     // until one finds no thread inside the allocator
 constexpr int kMostSnapshots = 10;  // until one is consistent
 constexpr int kMostWithoutHeap = 3;
+constexpr int kMostThreads = 5;                // to read through, as one after the other ends
 constexpr std::chrono::seconds kPatience{15};  // with threads that cannot be stopped
 constexpr std::chrono::milliseconds kBetweenStops{3};
 constexpr std::chrono::milliseconds kBetweenPasses{10};
@@ -56,6 +57,12 @@ class Check {
     std::string failure = examine(text);
     const bool isGone = memoryOf_ != 0 && tracer::livingThread(process_) == 0;
     return failure.empty() || !isGone ? failure : "process " + std::to_string(process_) + " has ended";
+  }
+
+  // Whether the thread through which the memory was read has ended, but not the process.
+  bool hasLostItsThread() const {
+    const pid_t living = tracer::livingThread(process_);
+    return living != 0 && living != memoryOf_;
   }
 
  private:
@@ -189,7 +196,11 @@ class Check {
 
 CheckResult checkProcess(pid_t process, bool isWhole) {
   CheckResult result;
-  result.failure = Check(process, isWhole).run(result.text);
+  for (int attempt = 0; attempt < kMostThreads; ++attempt) {
+    Check check(process, isWhole);
+    result.failure = check.run(result.text);
+    if (result.failure.empty() || !check.hasLostItsThread()) break;
+  }
   return result;
 }
 
