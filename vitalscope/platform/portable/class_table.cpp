@@ -158,12 +158,14 @@ Method ClassTable::class_getClassMethod(Class cls, SEL selector) {
   return cls == nullptr ? nullptr : class_getInstanceMethod(cls->isa, selector);
 }
 
+// `other` first: when it is to replace `one` and calls the former code under its own name, no thread ever
+// finds the replacement under both names and goes round for ever.
 void ClassTable::method_exchangeImplementations(Method one, Method other) {
   if (one == nullptr || other == nullptr) return;
   const std::lock_guard lock(mutex_);
-  const MethodBody* const body = one->body.load(std::memory_order_relaxed);
-  giveBody(*one, other->body.load(std::memory_order_relaxed));
-  giveBody(*other, body);
+  const MethodBody* const body = other->body.load(std::memory_order_relaxed);
+  giveBody(*other, one->body.load(std::memory_order_relaxed));
+  giveBody(*one, body);
 }
 
 IMP ClassTable::method_getImplementation(Method method) {
