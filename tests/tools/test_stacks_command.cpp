@@ -87,6 +87,26 @@ TEST_F(StacksCommand, TellsWhatIsWrongWithAFile) {
   EXPECT_EQ(command({"stacks", "--folded", none}).out, "");
 }
 
+// A running process tells its images by itself: no report is needed.
+TEST_F(StacksCommand, NamesWhereARunningProcessAllocates) {
+  e2e::HostProcess host(E2E_HOST, {"--log", "--email", "someone@" QBV_MAIL_DOMAIN}, home_.path());
+  host.tell({"signin", "turn 1"});
+  const std::string file = (host.diagnosticRoot() / "dump/stack_backtrace.mmap").string();
+  Outcome outcome;
+  // What is noted before the monitor's tables are there is not recorded.
+  ASSERT_TRUE(e2e::eventually([&] {
+    host.tell({"note 4"});
+    if (!host.finished()) return true;
+    outcome = command({"stacks", file, "--json"});
+    return outcome.code == 0 && !bytesOf(outcome).empty();
+  }));
+  ASSERT_EQ(outcome.code, 0) << outcome.errors;
+  EXPECT_THAT(outcome.errors, IsEmpty());
+  EXPECT_THAT(outcome.out, HasSubstr("renderSlides"));
+  EXPECT_THAT(outcome.out, HasSubstr("memory_work.cpp"));
+  EXPECT_TRUE(json::parse(outcome.out)["report"].is_null());
+}
+
 // From allocations in a process that is killed to names: the images are those that its last report lists.
 TEST_F(StacksCommand, NamesWhereAKilledProcessAllocated) {
   std::string file;

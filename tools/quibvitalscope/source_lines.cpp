@@ -40,7 +40,9 @@ std::optional<GElf_Addr> firstAddress(int file) {
   return address;
 }
 
-std::string buildIdOf(Dwfl_Module* module) {
+}  // namespace
+
+std::string SourceLines::buildIdOf(Dwfl_Module* module) {
   const unsigned char* bytes = nullptr;
   GElf_Addr where = 0;
   const int length = dwfl_module_build_id(module, &bytes, &where);
@@ -54,8 +56,6 @@ std::string buildIdOf(Dwfl_Module* module) {
   digits.resize(kUuidDigits, '0');
   return length > 0 ? digits : "";
 }
-
-}  // namespace
 
 struct SourceLines::Module {
   ImageFile state = ImageFile::unreadable;

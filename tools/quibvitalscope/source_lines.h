@@ -1,6 +1,8 @@
 // Source lines of a report's addresses, from the debug information of the files that it names.
 #pragma once
 
+#include <elfutils/libdwfl.h>
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -33,6 +35,9 @@ class SourceLines {
   ImageFile state(const reader::Image& image);
   // Nothing when neither function nor line is known. A return address is looked up as the call before it.
   std::optional<SourcePlace> at(const reader::Image& image, std::uint64_t address, bool isReturnAddress);
+
+  // The module's build id as reports write it; "" when it has none.
+  static std::string buildIdOf(Dwfl_Module* module);
 
  private:
   struct Module;

@@ -7,6 +7,7 @@
 
 #include "tools/quibvitalscope/command.h"
 #include "tools/quibvitalscope/help.h"
+#include "tools/quibvitalscope/live_images.h"
 #include "tools/quibvitalscope/show_json.h"
 #include "tools/quibvitalscope/stacks_view.h"
 #include "tools/report_reader/diagnostic_folder.h"
@@ -111,13 +112,13 @@ int printStacks(const std::string& path, stack_file::Contents& contents, const s
   SourceLines sources;
   const auto stacks = placed(chosen, report, sources);
   if (options.json)
-    print(jsonText(
-        {{"file", path},
-         {"report", report == nullptr ? nlohmann::ordered_json() : nlohmann::ordered_json(reportPath)},
-         {"bytes", totals.bytes},
-         {"allocations", totals.count},
-         {"problems", contents.problems},
-         {"stacks", stacksJson(stacks)}}));
+    print(jsonText({{"file", path},
+                    {"report", report == nullptr || reportPath.empty() ? nlohmann::ordered_json()
+                                                                       : nlohmann::ordered_json(reportPath)},
+                    {"bytes", totals.bytes},
+                    {"allocations", totals.count},
+                    {"problems", contents.problems},
+                    {"stacks", stacksJson(stacks)}}));
   else if (options.folded)
     print(foldedStacks(stacks, weight));
   else
@@ -134,8 +135,9 @@ int showStacks(const Options& options) {
   if (!bytes) return fail(kExitFailure, error);
   auto contents = stack_file::parse(*bytes, error);
   if (!contents) return fail(kExitFailure, path + " " + error);
-  const std::string reportPath = options.report.empty() ? reportBeside(path) : options.report;
   std::optional<reader::Report> report;
+  if (options.report.empty()) report = imagesOfRunning(processOf(path), absolutePath(path));
+  const std::string reportPath = report ? "" : options.report.empty() ? reportBeside(path) : options.report;
   if (!reportPath.empty()) report = readReport(reportPath, processOf(path));
   if (!options.report.empty() && !report) return kExitFailure;
   if (!report && !contents->stacks.empty())
@@ -147,8 +149,9 @@ void addOptions(CLI::App& command, Options& options) {
   command.add_option("FILE", options.file,
                      "A stack file, by its path or as 'reports' lists it (default: the newest)");
   command
-      .add_option("--report", options.report,
-                  "A report of the same process (default: the newest beside the stack file)")
+      .add_option(
+          "--report", options.report,
+          "A report of the same process (default: none while it runs, else the newest beside the stack file)")
       ->type_name("FILE");
   command.add_option("--by", options.by, "Heaviest by bytes or by count of allocations")
       ->check(oneOf({"bytes", "count"}))
@@ -172,8 +175,8 @@ void addStacksCommand(CLI::App& app, Context& context) {
   setHelp(
       *sub, "stacks [OPTIONS] [FILE]",
       "Shows the allocation stacks that a running or dead process keeps in its stack file, with the bytes "
-      "and allocations of each that are still alive. Names come from the files of the images that a report "
-      "of the same process lists.");
+      "and allocations of each that are still alive. Names come from the files of the images that the "
+      "process has mapped while it runs, and later of those that a report of it lists.");
   addOptions(*sub, *options);
   sub->footer(
       "Exit codes: 0 shown, 1 no stack file, unreadable, or shown as far as it goes because it is damaged, 2 "
