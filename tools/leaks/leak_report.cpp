@@ -91,7 +91,8 @@ std::vector<Group> groupsOf(const Memory& memory, const std::vector<LeakedBlock>
     group.roots += block.isRoot ? 1 : 0;
   }
   std::vector<Group> groups;
-  for (auto& [key, group] : byKind) groups.push_back(std::move(group));
+  groups.reserve(byKind.size());
+  for (const auto& [key, group] : byKind) groups.push_back(group);
   std::stable_sort(groups.begin(), groups.end(),
                    [](const Group& a, const Group& b) { return a.count * a.size > b.count * b.size; });
   return groups;
@@ -135,6 +136,7 @@ void appendStacks(std::string& text, const Memory& memory, const LeakReport& rep
     }
   if (byId.empty()) return;
   std::vector<Sum> sums;
+  sums.reserve(byId.size());
   for (const auto& [id, sum] : byId) sums.push_back(sum);
   std::stable_sort(sums.begin(), sums.end(), [](const Sum& a, const Sum& b) { return a.bytes > b.bytes; });
   text += "\nGroups by allocation stack, most bytes first, for the blocks that were recorded:\n";
