@@ -64,7 +64,7 @@ std::string foreignAllocator(const std::vector<Mapping>& mappings) {
                                  "libscudo",    "libsnmalloc", "libtbbmalloc_proxy", "libhoard",
                                  "vgpreload_",  "librpmalloc"};
   for (const Mapping& mapping : mappings) {
-    const std::string name = mapping.anonymous ? "" : fileName(mapping.name);
+    std::string name = mapping.anonymous ? "" : fileName(mapping.name);
     if (std::any_of(kNames.begin(), kNames.end(), [&](const char* known) { return name.starts_with(known); }))
       return name;
   }

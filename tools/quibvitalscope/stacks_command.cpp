@@ -123,7 +123,8 @@ int printStacks(const std::string& path, stack_file::Contents& contents, const s
     print(foldedStacks(stacks, weight));
   else
     print(headline(contents, totals, chosen.size()) + renderStacks(stacks, Style(modeNamed(options.colour))));
-  for (const std::string& problem : contents.problems) complain(path + ": " + problem);
+  const std::string prefix = path + ": ";
+  for (const std::string& problem : contents.problems) complain(prefix + problem);
   return contents.problems.empty() ? 0 : kExitFailure;
 }
 
