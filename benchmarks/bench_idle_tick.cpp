@@ -62,10 +62,7 @@ double nanosecondsOf(int times, const auto& action) {
 void idleTick(benchmark::State& state) {
   const qbv::Platform& real = qbv::linux_backend::platform();
   HandlerKeeper keeper(real.dispatch);
-  const qbv::ScopedPlatform scope(
-      *new qbv::Platform{real.task, real.images, real.runtime, keeper, real.runLoop, real.notifications,
-                         real.processes, real.files, real.clock, real.dates, real.log, real.hostInfo,
-                         real.allocator, real.devices, real.windows});
+  const qbv::ScopedPlatform scope(*new qbv::Platform(real.with(keeper)));
   QBVitalscopeANRMonitor& monitor = *new QBVitalscopeANRMonitor;
   real.notifications.defaultCenter().post(qbv::NSApplicationDidBecomeActiveNotification);
   monitor.start();

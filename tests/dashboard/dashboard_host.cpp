@@ -8,15 +8,14 @@
 //   fork                 make a child that toggles, and wait for its end
 //   exit
 // It answers each with "done COMMAND".
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <sstream>
 #include <string>
 
+#include "tests/end_to_end/told_host.h"
 #include "vitalscope/dashboard/QBVitalscopeDashboard.h"
 #include "vitalscope/platform/platform.h"
 
@@ -91,29 +90,8 @@ bool obey(const std::string& line) {
   return true;
 }
 
-bool readCommand(std::string& line) {
-  line.clear();
-  qbv::RunLoop& loop = qbv::platform().runLoop;
-  for (;;) {
-    pollfd entries[] = {{STDIN_FILENO, POLLIN, 0}, {loop.descriptor(), POLLIN, 0}};
-    if (poll(entries, 2, -1) < 0) continue;
-    if (entries[1].revents != 0) loop.drain();
-    if (entries[0].revents == 0) continue;
-    char letter = 0;
-    if (read(STDIN_FILENO, &letter, 1) != 1) return false;
-    if (letter == '\n') return true;
-    line += letter;
-  }
-}
-
 }  // namespace
 
 int main() {
-  for (std::string line; readCommand(line);) {
-    if (line == "exit") return 0;
-    if (!obey(line)) return 3;
-    std::printf("done %s\n", line.c_str());
-    std::fflush(stdout);
-  }
-  return 0;
+  return e2e::obeyAll(obey);
 }

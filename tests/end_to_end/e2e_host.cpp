@@ -12,11 +12,8 @@
 //   exit
 // It answers each with "done COMMAND". Arguments: --log | --no-log, --email ADDRESS.
 #include <dlfcn.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -25,6 +22,7 @@
 
 #include "blocked_work.h"
 #include "memory_work.h"
+#include "tests/end_to_end/told_host.h"
 #include "vitalscope/platform/platform.h"
 
 namespace {
@@ -54,34 +52,6 @@ void defineHostClasses() {
   ClassDefinition(runtime, "NSBundle")
       .classMethod(
           "isLogVersion", +[](id, SEL) -> bool { return keepsLogs; });
-}
-
-// The host has a loop of its own, which polls the main queue's descriptor with everything else.
-void turn(double seconds) {
-  using Clock = std::chrono::steady_clock;
-  const auto end = Clock::now() + std::chrono::duration<double>(seconds);
-  qbv::RunLoop& loop = qbv::platform().runLoop;
-  while (Clock::now() < end) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-    pollfd entry{loop.descriptor(), POLLIN, 0};
-    if (poll(&entry, 1, static_cast<int>(left.count())) > 0) loop.drain();
-  }
-}
-
-// Waits for a line of input, turning the loop meanwhile. False at the end of the input.
-bool readCommand(std::string& line) {
-  line.clear();
-  qbv::RunLoop& loop = qbv::platform().runLoop;
-  for (;;) {
-    pollfd entries[] = {{STDIN_FILENO, POLLIN, 0}, {loop.descriptor(), POLLIN, 0}};
-    if (poll(entries, 2, -1) < 0) continue;
-    if (entries[1].revents != 0) loop.drain();
-    if (entries[0].revents == 0) continue;
-    char letter = 0;
-    if (read(STDIN_FILENO, &letter, 1) != 1) return false;
-    if (letter == '\n') return true;
-    line += letter;
-  }
 }
 
 void post(const char* name) {
@@ -136,7 +106,7 @@ bool obey(const std::string& line) {
   else if (verb == "leave")
     post("QBV_CMD_CONF_LEAVE_COMPLETE");
   else if (verb == "turn" && words >> seconds)
-    turn(seconds);
+    e2e::turn(seconds);
   else if (verb == "block" && words >> seconds)
     importAttachments(seconds);
   else if (verb == "spin" && words >> seconds)
@@ -163,11 +133,5 @@ int main(int count, char** arguments) {
       return 2;
   }
   defineHostClasses();
-  for (std::string line; readCommand(line);) {
-    if (line == "exit") return 0;
-    if (!obey(line)) return 3;
-    std::printf("done %s\n", line.c_str());
-    std::fflush(stdout);
-  }
-  return 0;
+  return e2e::obeyAll(obey);
 }

@@ -50,10 +50,11 @@ VirtualDisplay::VirtualDisplay(const std::string& given) {
   close(report[0]);
 }
 
-VirtualDisplay::~VirtualDisplay() {
+void VirtualDisplay::end() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);
   waitpid(pid_, nullptr, 0);
+  pid_ = -1;
 }
 
 }  // namespace e2e

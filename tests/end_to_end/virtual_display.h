@@ -12,9 +12,10 @@ namespace e2e {
 class VirtualDisplay {
  public:
   explicit VirtualDisplay(const std::string& name = "");
-  ~VirtualDisplay();
+  ~VirtualDisplay() { end(); }
   VirtualDisplay(const VirtualDisplay&) = delete;
   VirtualDisplay& operator=(const VirtualDisplay&) = delete;
+  void end();
   // For DISPLAY; empty when the server is not installed or did not start.
   const std::string& name() const noexcept { return name_; }
 

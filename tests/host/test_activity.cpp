@@ -1,11 +1,5 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <xcb/xcb.h>
 
 #include <condition_variable>
@@ -17,8 +11,7 @@
 #include <vector>
 
 #include "host/standin/activity.h"
-
-extern char** environ;
+#include "tests/end_to_end/virtual_display.h"
 
 namespace {
 
@@ -40,41 +33,6 @@ TEST(Activity, IsWhatTheWindowManagerSaysWhereItCanKnow) {
   EXPECT_FALSE(isActive(
       {.windowManager = true, .activeProcess = kOther, .waylandSession = true, .ownsWindow = true}, kSelf));
 }
-
-// A display of one's own, without a window manager.
-class Display {
- public:
-  Display() {
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    std::string number = std::to_string(ends[1]);
-    fcntl(ends[0], F_SETFD, FD_CLOEXEC);
-    std::vector<std::string> words = {"Xvfb", "-displayfd", number, "-nolisten",
-                                      "tcp",  "-screen",    "0",    "320x240x24"};
-    std::vector<char*> pointers;
-    for (std::string& word : words) pointers.push_back(word.data());
-    pointers.push_back(nullptr);
-    EXPECT_EQ(posix_spawnp(&pid_, "Xvfb", nullptr, nullptr, pointers.data(), environ), 0)
-        << "the package xvfb is needed";
-    close(ends[1]);
-    char letter = 0;
-    while (read(ends[0], &letter, 1) == 1 && letter != '\n') name_ += letter;
-    close(ends[0]);
-    name_ = ":" + name_;
-  }
-  ~Display() { end(); }
-  void end() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-    pid_ = 0;
-  }
-  const std::string& name() const { return name_; }
-
- private:
-  pid_t pid_ = 0;
-  std::string name_;
-};
 
 // Notes what a window manager notes, and makes windows for it.
 class WindowManager {
@@ -141,7 +99,7 @@ class ActivityWatch : public testing::Test {
     return reports_.size() == count ? reports_.back() : "there are " + std::to_string(reports_.size());
   }
 
-  Display display_;
+  e2e::VirtualDisplay display_;  // without a window manager
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<std::string> reports_;

@@ -139,21 +139,7 @@ class HungryTask final : public qbv::Task {
 
 TEST_F(AllocateMonitorTest, AnAllocationOfTheReportIsCountedAndNotReported) {
   static HungryTask& task = *new HungryTask(scripted);
-  static auto& areas = *new qbv::Platform{task,
-                                          scripted.images,
-                                          scripted.runtime,
-                                          scripted.dispatch,
-                                          scripted.runLoop,
-                                          scripted.notifications,
-                                          scripted.processes,
-                                          scripted.files,
-                                          scripted.clock,
-                                          scripted.dates,
-                                          scripted.log,
-                                          scripted.hostInfo,
-                                          heap,
-                                          scripted.devices,
-                                          scripted.windows};
+  static auto& areas = *new qbv::Platform(qbv::platform().with(task));
   const qbv::ScopedPlatform installed(areas);
   QBAllocateMemoryMonitor::sharedInstance()->startMonitor();
   errno = EINTR;

@@ -10,11 +10,18 @@ namespace qbv::tests {
 // A class "EverySignature" with these methods.
 Class defineEverySignature(Runtime& runtime);
 
-// What is compared with objc_msgSend; stret may be null where large results need no entry of their own.
+// What is compared with objc_msgSend; stret is null where large results need no entry of their own.
 struct SendEntries {
   IMP send;
   IMP stret;
 };
+#if defined(__x86_64__)
+#define QBV_SEND_ENTRIES(send) \
+  { reinterpret_cast<IMP>(send), reinterpret_cast<IMP>(send##_stret) }
+#else
+#define QBV_SEND_ENTRIES(send) \
+  { reinterpret_cast<IMP>(send), nullptr }
+#endif
 void sendEverySignature(const SendEntries& entries, id receiver);
 
 }  // namespace qbv::tests

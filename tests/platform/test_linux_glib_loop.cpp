@@ -11,16 +11,12 @@
 #include <utility>
 #include <vector>
 
-#include "vitalscope/platform/linux/areas.h"
+#include "tests/platform/told_activities.h"
 
 namespace qbv::linux_backend {
 namespace {
 
 using testing::ElementsAre;
-
-void post(Block block) {
-  dispatch().dispatch_async(dispatch().dispatch_get_main_queue(), std::move(block));
-}
 
 // Turns the loop until it is quit, as gtk_main() does.
 class Loop {
@@ -99,17 +95,6 @@ TEST(LinuxGlibLoop, LoopNestedInABlockGoesOnWithTheRest) {
   EXPECT_THAT(order, ElementsAre(1, 2, 3, 4));
 }
 
-std::vector<CFRunLoopActivity> told;
-void observe() {
-  const auto note = [](CFRunLoopObserverRef, CFRunLoopActivity activity, void*) { told.push_back(activity); };
-  runLoop().CFRunLoopAddObserver(
-      runLoop().CFRunLoopObserverCreate(kCFRunLoopAllActivities, true, 0, note, nullptr),
-      kCFRunLoopCommonModes);
-}
-constexpr CFRunLoopActivity kTimers = kCFRunLoopBeforeTimers, kSources = kCFRunLoopBeforeSources,
-                            kSleep = kCFRunLoopBeforeWaiting, kWake = kCFRunLoopAfterWaiting,
-                            kExit = kCFRunLoopExit, kBlock = 1u << 20, kTimeout = 1u << 21;
-
 gboolean noteTimeout(gpointer) {
   told.push_back(kTimeout);
   return G_SOURCE_REMOVE;
@@ -121,12 +106,11 @@ TEST(LinuxGlibLoop, ObserversHearPassesThatSleepAndPassesThatDoNot) {
   observe();
   g_timeout_add(1, noteTimeout, nullptr);
   g_main_context_iteration(nullptr, TRUE);
-  EXPECT_THAT(told, ElementsAre(kSleep, kWake, kTimers, kSources, kTimeout));
-  told.clear();
+  EXPECT_THAT(heard(), ElementsAre(kSleep, kWake, kTimers, kSources, kTimeout));
   post([] { told.push_back(kBlock); });
   g_main_context_iteration(nullptr, FALSE);
   g_main_context_iteration(nullptr, FALSE);
-  EXPECT_THAT(told, ElementsAre(kExit, kTimers, kSources, kBlock, kExit, kTimers, kSources));
+  EXPECT_THAT(heard(), ElementsAre(kExit, kTimers, kSources, kBlock, kExit, kTimers, kSources));
 }
 
 TEST(LinuxGlibLoop, NestedLoopIsToldWithinThePassThatTurnsIt) {
@@ -140,8 +124,8 @@ TEST(LinuxGlibLoop, NestedLoopIsToldWithinThePassThatTurnsIt) {
     told.push_back(kBlock);
   });
   g_main_context_iteration(nullptr, TRUE);
-  EXPECT_THAT(told, ElementsAre(kSleep, kWake, kTimers, kSources, kBlock, kSleep, kWake, kTimers, kSources,
-                                kTimeout, kBlock));
+  EXPECT_THAT(heard(), ElementsAre(kSleep, kWake, kTimers, kSources, kBlock, kSleep, kWake, kTimers, kSources,
+                                   kTimeout, kBlock));
 }
 
 TEST(LinuxGlibLoop, BlocksAreATurnOfTheirOwnWhereTheHostTookThePollAway) {
@@ -153,7 +137,7 @@ TEST(LinuxGlibLoop, BlocksAreATurnOfTheirOwnWhereTheHostTookThePollAway) {
   observe();
   post([] { told.push_back(kBlock); });
   turnWithoutWaiting();
-  EXPECT_THAT(told, ElementsAre(kTimers, kSources, kBlock, kExit));
+  EXPECT_THAT(heard(), ElementsAre(kTimers, kSources, kBlock, kExit));
 }
 
 int hostPolls = 0;

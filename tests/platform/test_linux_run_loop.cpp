@@ -15,17 +15,13 @@
 #include <utility>
 #include <vector>
 
-#include "vitalscope/platform/linux/areas.h"
+#include "tests/platform/told_activities.h"
 
 namespace qbv::linux_backend {
 namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-
-void post(Block block) {
-  dispatch().dispatch_async(dispatch().dispatch_get_main_queue(), std::move(block));
-}
 
 bool readable() {
   pollfd entry{runLoop().descriptor(), POLLIN, 0};
@@ -128,22 +124,6 @@ TEST(LinuxRunLoop, StopEndsTheInnermostRunOnly) {
   EXPECT_THAT(order, ElementsAre(1, 2, 3, 4, 5));
   EXPECT_FALSE(runLoop().runOnce(0));
 }
-
-std::vector<CFRunLoopActivity> told;
-// Notes what the loop tells from now on.
-void observe() {
-  const auto note = [](CFRunLoopObserverRef, CFRunLoopActivity activity, void*) { told.push_back(activity); };
-  runLoop().CFRunLoopAddObserver(
-      runLoop().CFRunLoopObserverCreate(kCFRunLoopAllActivities, true, 0, note, nullptr),
-      kCFRunLoopCommonModes);
-}
-// What was told since the last call.
-std::vector<CFRunLoopActivity> heard() {
-  return std::exchange(told, {});
-}
-constexpr CFRunLoopActivity kEntry = kCFRunLoopEntry, kTimers = kCFRunLoopBeforeTimers,
-                            kSources = kCFRunLoopBeforeSources, kSleep = kCFRunLoopBeforeWaiting,
-                            kWake = kCFRunLoopAfterWaiting, kExit = kCFRunLoopExit, kBlock = 1u << 20;
 
 TEST(LinuxRunLoop, ObserversHearThePassesOfOurLoopAndOfThoseNestedInIt) {
   observe();

@@ -16,14 +16,7 @@ namespace {
 
 using namespace literals;
 
-const tests::SendEntries kEntries {
-  reinterpret_cast<IMP>(objc_msgSend),
-#if defined(__x86_64__)
-      reinterpret_cast<IMP>(objc_msgSend_stret)
-#else
-      nullptr
-#endif
-};
+const tests::SendEntries kEntries = QBV_SEND_ENTRIES(objc_msgSend);
 
 struct Point3 {
   double x, y, z;

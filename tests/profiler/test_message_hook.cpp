@@ -21,14 +21,7 @@ namespace {
 
 using namespace literals;
 
-const tests::SendEntries kEntries {
-  reinterpret_cast<IMP>(hook_objc_msgSend),
-#if defined(__x86_64__)
-      reinterpret_cast<IMP>(hook_objc_msgSend_stret)
-#else
-      nullptr
-#endif
-};
+const tests::SendEntries kEntries = QBV_SEND_ENTRIES(hook_objc_msgSend);
 
 class MessageHookTest : public tests::HookFixture {
  protected:

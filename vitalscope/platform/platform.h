@@ -1,6 +1,8 @@
 // The set of platform areas that the monitors work on.
 #pragma once
 
+#include <type_traits>
+
 #include "vitalscope/platform/allocator.h"
 #include "vitalscope/platform/clock.h"
 #include "vitalscope/platform/dates.h"
@@ -36,6 +38,20 @@ struct Platform {
   Allocator& allocator;
   Devices& devices;
   Windows& windows;
+
+  // The same set with one area replaced. Any thread; both must outlive what works on the result.
+  template <class Replacement>
+  Platform with(Replacement& area) const {
+    const auto pick = [&area]<class Area>(Area& own) -> Area& {
+      if constexpr (std::is_base_of_v<Area, Replacement>)
+        return area;
+      else
+        return own;
+    };
+    return {pick(task),          pick(images),    pick(runtime),   pick(dispatch), pick(runLoop),
+            pick(notifications), pick(processes), pick(files),     pick(clock),    pick(dates),
+            pick(log),           pick(hostInfo),  pick(allocator), pick(devices),  pick(windows)};
+  }
 };
 
 // The set in use: the real one of this system unless a test installed another. Any thread; one atomic load.
