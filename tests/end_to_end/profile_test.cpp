@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "tests/end_to_end/host_process.h"
+#include "tests/support/commands.h"
 
 namespace {
 
@@ -23,6 +23,7 @@ namespace fs = std::filesystem;
 using e2e::contentOf;
 using e2e::eventually;
 using e2e::HostProcess;
+using qbv::test::Outcome;
 using testing::HasSubstr;
 using testing::SizeIs;
 
@@ -95,21 +96,10 @@ TEST_F(Profile, NotificationsFlipARunAndItsPageIsOpened) {
 }
 
 #ifndef QBV_SANITIZED  // a sanitized library cannot be preloaded
-struct Outcome {
-  int code;
-  std::string out;
-};
-
 Outcome command(const std::vector<std::string>& variables, const std::string& arguments) {
   std::string line = "env";
   for (const std::string& variable : variables) line += " '" + variable + "'";
-  line += " '" COMMAND "' " + arguments + " 2>/dev/null";
-  std::FILE* const output = popen(line.c_str(), "r");
-  std::string text;
-  char piece[4096];
-  for (std::size_t got = 0; (got = std::fread(piece, 1, sizeof piece, output)) > 0;) text.append(piece, got);
-  const int status = pclose(output);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
+  return qbv::test::shell(line + " '" COMMAND "' " + arguments + " 2>/dev/null");
 }
 
 TEST_F(Profile, TheCommandLineRecordsForAWhile) {
@@ -118,7 +108,7 @@ TEST_F(Profile, TheCommandLineRecordsForAWhile) {
   ASSERT_TRUE(eventually([&] { return fs::exists(home_.path() / "quibvitalscope" / (pid + ".sock")); }));
   const Outcome tree = command(variables_, "profile " + pid + " --seconds 2");
   EXPECT_EQ(tree.code, 0);
-  std::vector<Line> lines = linesOf(tree.out);
+  std::vector<Line> lines = linesOf(tree.output);
   // The first call may have been under way when the run began, and then is not in it, but its calls are.
   while (!lines.empty() && lines.front().rest != " -[Foo reload]") lines.erase(lines.begin());
   expectReload(lines, 0);

@@ -9,12 +9,11 @@
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 
 #include "tests/end_to_end/blocked_work.h"
+#include "tests/support/commands.h"
 #include "vitalscope/hang/QBVitalscopeANRMonitor_RunLoop.h"
 #include "vitalscope/platform/platform.h"
 #include "vitalscope/probes/QBVitalscopeBacktrace.h"
@@ -22,6 +21,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using qbv::test::contentOf;
 using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
@@ -29,11 +29,6 @@ using testing::Not;
 
 // What a check may need on a busy machine, beyond the two seconds and the one between checks.
 constexpr double kLongEnough = 5;
-
-std::string contentOf(const fs::path& file) {
-  std::ifstream stream(file);
-  return {std::istreambuf_iterator<char>(stream), {}};
-}
 
 class LiveRunLoopMonitor : public testing::Test {
  protected:

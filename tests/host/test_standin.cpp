@@ -12,6 +12,7 @@
 
 #include "host/control/client.h"
 #include "tests/end_to_end/host_process.h"
+#include "tests/support/commands.h"
 
 namespace {
 
@@ -19,6 +20,8 @@ namespace fs = std::filesystem;
 using e2e::eventually;
 using e2e::HostProcess;
 using qbv::control::Client;
+using qbv::test::Outcome;
+using qbv::test::shell;
 using testing::AllOf;
 using testing::Contains;
 using testing::HasSubstr;
@@ -249,25 +252,6 @@ TEST_F(StandIn, PreloadedAloneItBringsThePlatformInFrontOfTheCLibrary) {
   host.tell({"dlopen-from libquibplatform"});
   EXPECT_TRUE(host.finished());
   EXPECT_EQ(host.exitStatus(), 0);
-}
-
-struct Outcome {
-  std::string output;  // both streams
-  int status = -1;
-  friend bool operator==(const Outcome&, const Outcome&) = default;
-  friend void PrintTo(const Outcome& outcome, std::ostream* stream) {
-    *stream << outcome.status << ": " << outcome.output;
-  }
-};
-
-Outcome shell(const std::string& command) {
-  Outcome outcome;
-  FILE* const stream = popen(command.c_str(), "r");
-  std::array<char, 4096> buffer;
-  while (const std::size_t count = fread(buffer.data(), 1, buffer.size(), stream))
-    outcome.output.append(buffer.data(), count);
-  outcome.status = pclose(stream);
-  return outcome;
 }
 
 TEST_F(StandIn, ProgramsRunAsTheyDoWithoutIt) {

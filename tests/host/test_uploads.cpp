@@ -9,6 +9,7 @@
 #include "host/quibvitalscope_host.h"
 #include "host/standin/uploads.h"
 #include "tests/platform/temporary_folder.h"
+#include "tests/support/commands.h"
 #include "vitalscope/platform/scripted/scripted_platform.h"
 #include "vitalscope/report/QBVitalscopeReport.h"
 #include "vitalscope/report/QBVitalscopeUploader.h"
@@ -20,17 +21,13 @@ namespace fs = std::filesystem;
 using qbv::Value;
 using qbv::standin::copyNewFiles;
 using qbv::standin::Uploads;
+using qbv::test::contentOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
 constexpr QBVReportReason kHang = QBVReportReasonMainThreadBlock;
-
-std::string contentOf(const fs::path& file) {
-  std::ifstream stream(file);
-  return {std::istreambuf_iterator<char>(stream), {}};
-}
 
 class UploadsTest : public testing::Test {
  protected:

@@ -61,8 +61,7 @@ TEST_F(AllocateMonitorTest, OverSizeBeginsAtOneByte) {
   heap.tellReallocation(0x3000, kOver, 0x5000);
   EXPECT_EQ(reports(), 2U) << "a reallocation that moved is measured by its new size";
   EXPECT_EQ(count(), 4);
-  EXPECT_TRUE(scripted.files.contentsOfDirectory("/").empty() ||
-              QBVitalscopeReport::sharedInstance()->reportTimeValue() == 0)
+  EXPECT_EQ(QBVitalscopeReport::sharedInstance()->reportTimeValue(), 0)
       << "the writer takes no report of this reason";
 }
 

@@ -1,7 +1,6 @@
 // The allocation monitor on this process's own heap, and programs that know nothing of it under the library.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -15,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/commands.h"
 #include "vitalscope/memory/QBAllocateMemoryMonitor.h"
 #include "vitalscope/platform/platform.h"
 #include "vitalscope/platform/scripted/scripted_platform.h"
@@ -26,11 +26,8 @@ void* (*volatile reallocate)(void*, std::size_t) = std::realloc;
 void (*volatile release)(void*) = std::free;
 
 std::string outputOf(const std::string& command) {
-  std::string output;
-  FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
-  char text[4096];
-  for (std::size_t got; (got = fread(text, 1, sizeof text, pipe)) > 0;) output.append(text, got);
-  return output + "status " + std::to_string(pclose(pipe));
+  const qbv::test::Outcome outcome = qbv::test::shell(command + " 2>&1");
+  return outcome.output + "status " + std::to_string(outcome.code);
 }
 
 class LiveHeapTest : public ::testing::Test {

@@ -8,12 +8,13 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "tests/support/commands.h"
 
 namespace qbv::test {
 
@@ -28,59 +29,33 @@ inline Addresses readAddresses(std::istream& text) {
 // A program that stays as it is until this object goes.
 class Victim {
  public:
-  explicit Victim(std::vector<std::string> command) {
-    int input[2], output[2];
-    if (pipe(input) != 0 || pipe(output) != 0) std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(input[0], 0);
-      dup2(output[1], 1);
-      for (const int end : {input[0], input[1], output[0], output[1]}) close(end);
-      std::vector<char*> words;
-      for (std::string& word : command) words.push_back(word.data());
-      words.push_back(nullptr);
-      execv(words[0], words.data());
-      _exit(127);
-    }
-    close(input[0]);
-    close(output[1]);
-    input_ = input[1];
-    output_ = fdopen(output[0], "r");
-  }
+  explicit Victim(std::vector<std::string> command) : child_(startProgram(std::move(command))) {}
   ~Victim() {
-    close(input_);
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    std::fclose(output_);
+    close(child_.input);
+    kill(child_.process, SIGKILL);
+    waitpid(child_.process, nullptr, 0);
+    close(child_.output);
   }
   Victim(const Victim&) = delete;
   Victim& operator=(const Victim&) = delete;
 
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return child_.process; }
   // What it says before it says "ready"; nothing when it ends instead.
   std::vector<std::string> linesUntilReady() {
     std::vector<std::string> all;
-    for (std::string line = readLine(output_); !line.empty(); line = readLine(output_)) {
+    for (std::string line = lineOf(child_.output); !line.empty(); line = lineOf(child_.output)) {
       if (line == "ready") return all;
       all.push_back(line);
     }
     return {};
   }
 
-  static std::string readLine(FILE* file) {
-    std::string line;
-    for (int c = std::fgetc(file); c != EOF && c != '\n'; c = std::fgetc(file)) line += static_cast<char>(c);
-    return line;
-  }
-
  private:
-  pid_t pid_;
-  int input_;
-  FILE* output_;
+  Child child_;
 };
 
 inline bool debuggerIsInstalled() {
-  return std::system("gdb --version > /dev/null 2>&1") == 0;
+  return shell("gdb --version 2>&1").code == 0;
 }
 
 // The frames of each thread of a process, innermost first, as the debugger sees them.
@@ -88,17 +63,13 @@ inline std::map<int, Addresses> debuggerFrames(pid_t pid) {
   std::map<int, Addresses> frames;
   const std::string command = "gdb -batch -nx -iex 'set debuginfod enabled off' -p " + std::to_string(pid) +
                               " -x " QBV_UNWIND_DEBUGGER_SCRIPT " 2>&1";
-  std::string everything;
-  FILE* const output = popen(command.c_str(), "r");
-  while (std::feof(output) == 0) {
-    const std::string line = Victim::readLine(output);
-    everything += line + "\n";
+  const std::string everything = shell(command).output;
+  for (const std::string& line : linesOf(everything)) {
     std::istringstream text(line);
     std::string word;
     int thread = 0;
     if (text >> word >> thread && word == "frames") frames[thread] = readAddresses(text);
   }
-  pclose(output);
   if (frames.empty()) ADD_FAILURE() << "the debugger says:\n" << everything;
   return frames;
 }

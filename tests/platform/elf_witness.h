@@ -3,13 +3,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <map>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/commands.h"
 
 namespace qbv::witness {
 
@@ -19,18 +19,14 @@ struct Function {
 };
 using Functions = std::map<std::uint64_t, Function>;  // by linked address
 
-inline std::vector<std::string> linesOf(const std::string& command) {
-  std::vector<std::string> lines;
-  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  char line[65536];
-  while (pipe != nullptr && std::fgets(line, sizeof line, pipe.get()) != nullptr) lines.emplace_back(line);
-  return lines;
+inline std::vector<std::string> linesSaid(const std::string& command) {
+  return test::linesOf(test::shell(command).output);
 }
 
 // table: "--syms" or "--dyn-syms".
 inline Functions functionsOf(const std::string& file, const std::string& table) {
   Functions functions;
-  for (const std::string& line : linesOf("readelf --wide " + table + " '" + file + "' 2>/dev/null")) {
+  for (const std::string& line : linesSaid("readelf --wide " + table + " '" + file + "' 2>/dev/null")) {
     std::istringstream fields(line);
     std::string number, value, size, type, bind, visibility, section, name;
     if (!(fields >> number >> value >> size >> type >> bind >> visibility >> section >> name)) continue;
@@ -43,7 +39,7 @@ inline Functions functionsOf(const std::string& file, const std::string& table) 
 }
 
 inline bool isStripped(const std::string& file) {
-  for (const std::string& line : linesOf("readelf --wide --sections '" + file + "' 2>/dev/null")) {
+  for (const std::string& line : linesSaid("readelf --wide --sections '" + file + "' 2>/dev/null")) {
     if (line.find(" .symtab ") != std::string::npos) return false;
   }
   return true;
@@ -51,7 +47,7 @@ inline bool isStripped(const std::string& file) {
 
 // Lower-case hexadecimal; empty when the file has none.
 inline std::string buildIdOf(const std::string& file) {
-  for (const std::string& line : linesOf("readelf --notes '" + file + "' 2>/dev/null")) {
+  for (const std::string& line : linesSaid("readelf --notes '" + file + "' 2>/dev/null")) {
     const std::size_t at = line.find("Build ID: ");
     if (at != std::string::npos) return line.substr(at + 10, line.find_last_not_of(" \n") - at - 9);
   }

@@ -132,12 +132,9 @@ TEST(LinuxDates, SurvivesAnEnvironmentThatMoves) {
     for (int i = 0; i < 3000; ++i) setenv(("MOVING_" + std::to_string(i)).c_str(), "value", 1);
     enough = true;
   });
-  int asked = 0;
   do {
     ASSERT_EQ(shown(moment), "2026-07-01 21:30:15 +32400 JST");
-    ++asked;
   } while (!enough);
-  EXPECT_GT(asked, 0);
 }
 
 }  // namespace

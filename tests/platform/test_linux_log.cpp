@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/platform/temporary_folder.h"
 #include "vitalscope/platform/linux/log_sinks.h"
 
 namespace qbv::linux_backend {
@@ -22,9 +23,6 @@ namespace {
 class Daemon {
  public:
   Daemon() {
-    char folder[] = "/tmp/qbv-log-XXXXXX";
-    folder_ = mkdtemp(folder);
-    path_ = folder_ + "/log";
     socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -33,11 +31,7 @@ class Daemon {
     setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   }
-  ~Daemon() {
-    close(socket_);
-    unlink(path_.c_str());
-    rmdir(folder_.c_str());
-  }
+  ~Daemon() { close(socket_); }
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
@@ -52,8 +46,8 @@ class Daemon {
   }
 
  private:
-  std::string folder_;
-  std::string path_;
+  TemporaryFolder folder_;
+  const std::string path_ = folder_ / "log";
   int socket_ = -1;
 };
 

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstring>
 #include <vector>
 
 #include "vitalscope/platform/scripted/scripted_platform.h"
@@ -98,71 +97,6 @@ TEST_F(ScriptedTaskTest, RealMemoryIsReadOnlyWhenAllowed) {
   task.setReadsRealMemory(true);
   EXPECT_EQ(word(address), 42u);
   EXPECT_EQ(word(8), std::nullopt);
-}
-
-// Walks the image as a reader of load commands does.
-std::vector<std::pair<std::string, std::uint64_t>> symbolsOf(const ScriptedImage& image) {
-  const auto at = [&](std::size_t offset) { return static_cast<const std::byte*>(image.header()) + offset; };
-  std::uint32_t magic = 0;
-  std::uint32_t ncmds = 0;
-  std::memcpy(&magic, at(0), 4);
-  std::memcpy(&ncmds, at(16), 4);
-  std::size_t offset = magic == MH_MAGIC || magic == MH_CIGAM ? 28 : 32;
-  std::uint64_t base = 0;
-  std::vector<std::pair<std::string, std::uint64_t>> found;
-  for (; ncmds > 0; --ncmds) {
-    load_command command{};
-    std::memcpy(&command, at(offset), sizeof command);
-    if (command.cmd == LC_SEGMENT_64 &&
-        std::strcmp(reinterpret_cast<const char*>(at(offset + 8)), "__LINKEDIT") == 0) {
-      segment_command_64 segment{};
-      std::memcpy(&segment, at(offset), sizeof segment);
-      base = segment.vmaddr - segment.fileoff + static_cast<std::uint64_t>(image.slide());
-    } else if (command.cmd == LC_SEGMENT &&
-               std::strcmp(reinterpret_cast<const char*>(at(offset + 8)), "__LINKEDIT") == 0) {
-      segment_command segment{};
-      std::memcpy(&segment, at(offset), sizeof segment);
-      base = segment.vmaddr - segment.fileoff + static_cast<std::uint64_t>(image.slide());
-    } else if (command.cmd == LC_SYMTAB) {
-      symtab_command table{};
-      std::memcpy(&table, at(offset), sizeof table);
-      for (std::uint32_t i = 0; i < table.nsyms; ++i) {
-        nlist_64 entry{};
-        const auto* const place = reinterpret_cast<const void*>(base + table.symoff + i * sizeof entry);
-        EXPECT_TRUE(image.holds(place, sizeof entry));
-        std::memcpy(&entry, place, sizeof entry);
-        found.emplace_back(reinterpret_cast<const char*>(base + table.stroff + entry.n_strx), entry.n_value);
-      }
-    }
-    offset += command.cmdsize;
-  }
-  return found;
-}
-
-TEST(ScriptedImages, TablesAreFoundThroughTheLinkeditSegmentAtAnySlide) {
-  using Width = ScriptedImageBuilder::Width;
-  const auto symbols =
-      ElementsAre(std::pair("_main", 0x100001000u), std::pair("", 0u), std::pair("_z", 0x100002000u));
-  for (const std::intptr_t slide : {std::intptr_t{0}, std::intptr_t{0x7000000}, std::intptr_t{-0x1000}})
-    for (const Width width : {Width::bits64, Width::bits32}) {
-      const ScriptedImage image = ScriptedImageBuilder(width)
-                                      .segment("__TEXT", 0x1000, 0x4000)
-                                      .uuid({1, 2, 3})
-                                      .linkedit()
-                                      .symbols({{"_main", 0x100001000}, {"", 0}})
-                                      .symbols({{"_z", 0x100002000}})
-                                      .sortedSymbols()
-                                      .slide(slide)
-                                      .build();
-      EXPECT_EQ(image.slide(), slide);
-      EXPECT_THAT(symbolsOf(image), symbols);
-    }
-  const ScriptedImage narrow = ScriptedImageBuilder(Width::bits32)
-                                   .magic(MH_CIGAM)
-                                   .linkeditAt(0x8000, 0x2000)
-                                   .symbols({{"_a", 16}})
-                                   .build();
-  EXPECT_THAT(symbolsOf(narrow), ElementsAre(std::pair("_a", 16u)));
 }
 
 TEST(ScriptedImages, PlacesKeepTheirIndexAndBytesTheirBounds) {

@@ -4,13 +4,10 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <latch>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -18,6 +15,7 @@
 
 #include "tests/platform/temporary_folder.h"
 #include "tests/probes/live_threads.h"
+#include "tests/support/commands.h"
 #include "vitalscope/platform/platform.h"
 #include "vitalscope/probes/QBVitalscopeBacktrace.h"
 
@@ -36,16 +34,6 @@ std::size_t occurrences(const string& text, const string& word) {
   std::size_t count = 0;
   for (std::size_t at = 0; (at = text.find(word, at)) != string::npos; at += word.size()) ++count;
   return count;
-}
-
-string outputOf(const string& command) {
-  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
-  string output;
-  std::array<char, 4096> buffer;
-  while (const std::size_t got = std::fread(buffer.data(), 1, buffer.size(), pipe.get())) {
-    output.append(buffer.data(), got);
-  }
-  return output;
 }
 
 // Lines "INDEX IMAGE ADDRESS SYMBOL + OFFSET" of a block; image names hold no blanks here.
@@ -87,8 +75,9 @@ while frame is not None:
 std::vector<Frame> debuggersFrames() {
   const TemporaryFolder folder;
   std::ofstream(folder / "frames.py") << debuggerScript;
-  const string output = outputOf("DEBUGINFOD_URLS= gdb -nx -q -batch -p " + std::to_string(::getpid()) +
-                                 " -x '" + (folder / "frames.py") + "' 2>/dev/null");
+  const string output = test::shell("DEBUGINFOD_URLS= gdb -nx -q -batch -p " + std::to_string(::getpid()) +
+                                    " -x '" + (folder / "frames.py") + "' 2>/dev/null")
+                            .output;
   std::istringstream words(output);
   std::vector<Frame> frames;
   for (string word; words >> word;) {
@@ -106,7 +95,7 @@ class LiveCaptureTest : public testing::Test {
 };
 
 TEST_F(LiveCaptureTest, TheMainThreadsFramesAreTheDebuggers) {
-  if (std::system("gdb --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no debugger to compare with";
+  if (test::shell("gdb --version 2>&1").code != 0) GTEST_SKIP() << "no debugger to compare with";
   ::prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
   std::latch standing(1);
   std::latch done(1);

@@ -102,6 +102,7 @@ TEST_F(Symbolication, ImagesAreSearchedInOrderPastThoseThatCannotHoldTheAddress)
   EXPECT_EQ(nameAt(inText(2)), "second");
 
   ScriptedImage narrow = ScriptedImageBuilder(ScriptedImageBuilder::Width::bits32)
+                             .slide(-0x1000)
                              .segment("__TEXT", 0x4000, 0x1000)
                              .linkeditAt(0x90000, 0x2000)
                              .symbols({{"_narrow", 0x4100}})

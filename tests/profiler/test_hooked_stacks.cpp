@@ -39,11 +39,7 @@ void expectCalls(const std::vector<std::string>& lines) {
 }
 
 std::vector<std::string> debuggerSays(const std::string& command) {
-  std::vector<std::string> lines;
-  FILE* const output = popen(command.c_str(), "r");
-  while (std::feof(output) == 0) lines.push_back(Victim::readLine(output));
-  pclose(output);
-  return lines;
+  return qbv::test::linesOf(qbv::test::shell(command).output);
 }
 
 const std::string kDebugger = "gdb -batch -nx -iex 'set debuginfod enabled off' ";

@@ -15,43 +15,17 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/commands.h"
+
 namespace {
 
+using qbv::test::Child;
+using qbv::test::lineOf;
+using qbv::test::startProgram;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using Addresses = std::set<std::uint64_t>;
-
-struct Child {
-  pid_t process = -1;
-  int input = -1;
-  int output = -1;
-  int errors = -1;
-};
-
-// `before` runs in the child.
-Child start(
-    std::vector<std::string> arguments, const std::function<void()>& before = [] {}) {
-  int pipes[3][2];
-  for (auto& ends : pipes)
-    if (pipe2(ends, O_CLOEXEC) != 0) std::abort();
-  std::vector<char*> pointers;
-  for (std::string& argument : arguments) pointers.push_back(argument.data());
-  pointers.push_back(nullptr);
-  const pid_t process = fork();
-  if (process == 0) {
-    dup2(pipes[0][0], STDIN_FILENO);
-    dup2(pipes[1][1], STDOUT_FILENO);
-    dup2(pipes[2][1], STDERR_FILENO);
-    before();
-    execv(pointers[0], pointers.data());
-    _exit(127);
-  }
-  close(pipes[0][0]);
-  close(pipes[1][1]);
-  close(pipes[2][1]);
-  return {process, pipes[0][1], pipes[1][0], pipes[2][0]};
-}
 
 std::string readAll(int file) {
   std::string text;
@@ -66,9 +40,9 @@ class Victim {
  public:
   explicit Victim(std::vector<std::string> arguments, const std::string& program = QBV_LEAKS_VICTIM) {
     arguments.insert(arguments.begin(), program);
-    child_ = start(arguments);
+    child_ = startProgram(arguments);
     std::string line;
-    while ((line = nextLine()) != "ready") {
+    while ((line = lineOf(child_.output)) != "ready") {
       if (line.empty()) std::abort();
       lost_.insert(std::stoull(line.substr(5), nullptr, 16));
     }
@@ -76,7 +50,6 @@ class Victim {
   ~Victim() {
     close(child_.input);
     close(child_.output);
-    close(child_.errors);
     waitpid(child_.process, nullptr, 0);
   }
   Victim(const Victim&) = delete;
@@ -84,15 +57,9 @@ class Victim {
 
   pid_t process() const { return child_.process; }
   const Addresses& lost() const { return lost_; }
-  bool isAlive() const { return write(child_.input, "?", 1) == 1 && nextLine() == "alive"; }
+  bool isAlive() const { return write(child_.input, "?", 1) == 1 && lineOf(child_.output) == "alive"; }
 
  private:
-  std::string nextLine() const {
-    std::string line;
-    for (char character; read(child_.output, &character, 1) == 1 && character != '\n';) line += character;
-    return line;
-  }
-
   Child child_;
   Addresses lost_;
 };
@@ -106,11 +73,17 @@ struct Outcome {
 
 Outcome check(
     const std::string& process, const std::function<void()>& before = [] {}) {
-  const Child tool = start({QBV_LEAKS, "--all", process}, before);
+  int errors[2];
+  if (pipe2(errors, O_CLOEXEC) != 0) std::abort();
+  const Child tool = startProgram({QBV_LEAKS, "--all", process}, [&] {
+    dup2(errors[1], STDERR_FILENO);
+    before();
+  });
+  close(errors[1]);
   close(tool.input);
   Outcome outcome;
   outcome.text = readAll(tool.output);
-  outcome.errors = readAll(tool.errors);
+  outcome.errors = readAll(errors[0]);
   int status = 0;
   waitpid(tool.process, &status, 0);
   if (WIFEXITED(status)) outcome.code = WEXITSTATUS(status);
@@ -206,10 +179,10 @@ TEST(LeaksTool, KeepsUpWithThreadsThatStartAndEnd) {
 TEST(LeaksTool, TheProcessRunsOnWheneverTheToolIsKilled) {
   const Victim victim({"few"});
   for (int delay = 0; delay < 40; ++delay) {
-    const Child tool = start({QBV_LEAKS, std::to_string(victim.process())});
+    const Child tool = startProgram({QBV_LEAKS, std::to_string(victim.process())});
     std::this_thread::sleep_for(std::chrono::microseconds(500 * delay));
     kill(tool.process, SIGKILL);
-    for (const int file : {tool.input, tool.output, tool.errors}) close(file);
+    for (const int file : {tool.input, tool.output}) close(file);
     waitpid(tool.process, nullptr, 0);
     ASSERT_TRUE(victim.isAlive()) << delay;
   }

@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
 #include "tests/platform/temporary_folder.h"
+#include "tests/support/commands.h"
 
 namespace {
 
@@ -24,11 +23,7 @@ class Open : public testing::Test {
   }
   // Its exit status; everything that holds its output open would be waited for.
   static int run(const std::string& arguments) {
-    FILE* const stream = ::popen(("open " + arguments + " 2>/dev/null").c_str(), "r");
-    while (std::fgetc(stream) != EOF) {
-    }
-    const int status = ::pclose(stream);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return qbv::test::shell("open " + arguments + " 2>/dev/null").code;
   }
   std::string told() {
     std::string text;

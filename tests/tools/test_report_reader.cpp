@@ -4,6 +4,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/commands.h"
 #include "tools/report_reader/blocking_frame.h"
 #include "tools/report_reader/diagnostic_folder.h"
 #include "tools/report_reader/parse.h"
@@ -18,10 +19,7 @@ using testing::Not;
 using testing::SizeIs;
 
 std::string golden() {
-  std::ifstream file(GOLDEN_FOLDER "/hang.hang");
-  std::stringstream text;
-  text << file.rdbuf();
-  return text.str();
+  return qbv::test::contentOf(GOLDEN_FOLDER "/hang.hang");
 }
 
 TEST(ReportParser, ReadsEveryBlockOfAReport) {

@@ -2,77 +2,56 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-extern char** environ;
+#include "tests/platform/temporary_folder.h"
+#include "tests/support/commands.h"
 
 namespace {
 
+using qbv::test::contentOf;
 using testing::HasSubstr;
 
 class Victim {
  public:
-  explicit Victim(char* argument = nullptr) {
-    int in[2];
-    int out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) std::abort();
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    std::string path = QBV_SAMPLE_VICTIM;
-    char* const arguments[] = {path.data(), argument, nullptr};
-    if (posix_spawn(&process_, path.c_str(), &actions, nullptr, arguments, environ) != 0) std::abort();
-    posix_spawn_file_actions_destroy(&actions);
-    close(in[0]);
-    close(out[1]);
-    request_ = in[1];
-    answer_ = out[0];
+  explicit Victim(std::vector<std::string> arguments = {}) {
+    arguments.insert(arguments.begin(), QBV_SAMPLE_VICTIM);
+    child_ = qbv::test::startProgram(std::move(arguments));
   }
   ~Victim() {
-    close(request_);
-    close(answer_);
-    waitpid(process_, nullptr, 0);
+    close(child_.input);
+    close(child_.output);
+    waitpid(child_.process, nullptr, 0);
   }
-  pid_t process() const { return process_; }
+  pid_t process() const { return child_.process; }
 
-  void becomeAnother() const { EXPECT_EQ(write(request_, "x", 1), 1); }
+  void becomeAnother() const { EXPECT_EQ(write(child_.input, "x", 1), 1); }
 
   // How many signals it has counted (modulo 256); -1 when it does not answer.
   int signalsCounted() const {
     unsigned char count = 0;
-    if (write(request_, "?", 1) != 1 || read(answer_, &count, 1) != 1) return -1;
+    if (write(child_.input, "?", 1) != 1 || read(child_.output, &count, 1) != 1) return -1;
     return count;
   }
 
  private:
-  pid_t process_ = 0;
-  int request_ = -1;
-  int answer_ = -1;
+  qbv::test::Child child_;
 };
 
 pid_t startSample(std::vector<std::string> arguments, const std::string& errors) {
   arguments.insert(arguments.begin(), QBV_SAMPLE);
-  std::vector<char*> pointers;
-  for (std::string& argument : arguments) pointers.push_back(argument.data());
-  pointers.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0600);
-  pid_t process = -1;
-  EXPECT_EQ(posix_spawn(&process, QBV_SAMPLE, &actions, nullptr, pointers.data(), environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  return process;
+  const qbv::test::Child sample = qbv::test::startProgram(std::move(arguments), [&] {
+    dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+  });
+  close(sample.input);
+  close(sample.output);
+  return sample.process;
 }
 
 int exitCode(pid_t process) {
@@ -80,41 +59,29 @@ int exitCode(pid_t process) {
   return waitpid(process, &status, 0) == process && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-std::string content(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 // False when the sampler ends before.
 bool untilTraced(pid_t target, pid_t sampler) {
   const std::string status = "/proc/" + std::to_string(target) + "/status";
-  while (content(status).find("TracerPid:\t" + std::to_string(sampler)) == std::string::npos)
+  while (contentOf(status).find("TracerPid:\t" + std::to_string(sampler)) == std::string::npos)
     if (waitpid(sampler, nullptr, WNOHANG) != 0) return false;
   return true;
 }
 
 class SampleTool : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_NE(mkdtemp(folder_.data()), nullptr); }
-  void TearDown() override {
-    unlink(file().c_str());
-    unlink(errors().c_str());
-    rmdir(folder_.c_str());
-  }
-  std::string file() const { return folder_ + "/out.hang"; }
-  std::string errors() const { return folder_ + "/errors"; }
+  std::string file() const { return folder_ / "out.hang"; }
+  std::string errors() const { return folder_ / "errors"; }
 
  private:
-  std::string folder_ = "/tmp/quibsampleXXXXXX";
+  qbv::TemporaryFolder folder_;
 };
 
 TEST_F(SampleTool, ShowsTheWaitingFunctionWithItsCallersAndLeavesTheProcessRunning) {
   Victim victim;
   ASSERT_EQ(victim.signalsCounted(), 0);  // it is inside its loop now
   const std::string pid = std::to_string(victim.process());
-  ASSERT_EQ(exitCode(startSample({pid, "1", "-file", file()}, errors())), 0) << content(errors());
-  const std::string text = content(file());
+  ASSERT_EQ(exitCode(startSample({pid, "1", "-file", file()}, errors())), 0) << contentOf(errors());
+  const std::string text = contentOf(file());
   EXPECT_THAT(text, HasSubstr("[" + pid + "]"));
   EXPECT_THAT(text,
               testing::ContainsRegex(
@@ -139,7 +106,7 @@ TEST_F(SampleTool, PassesTheTargetsSignalsOn) {
       ASSERT_GE(counted, 0);
     } while (counted < sent);
   }
-  EXPECT_EQ(exitCode(sampler), 0) << content(errors());
+  EXPECT_EQ(exitCode(sampler), 0) << contentOf(errors());
   EXPECT_EQ(counted, 100);
 }
 
@@ -154,12 +121,11 @@ TEST_F(SampleTool, TargetRunsOnWhenTheToolIsKilled) {
 }
 
 TEST_F(SampleTool, FirstThreadMayHaveEnded) {
-  char argument[] = "without";
-  Victim victim(argument);
+  Victim victim({"without"});
   ASSERT_EQ(victim.signalsCounted(), 0);
   ASSERT_EQ(exitCode(startSample({std::to_string(victim.process()), "0.05", "-file", file()}, errors())), 0)
-      << content(errors());
-  EXPECT_THAT(content(file()), HasSubstr(" w  (in sample_victim)"));
+      << contentOf(errors());
+  EXPECT_THAT(contentOf(file()), HasSubstr(" w  (in sample_victim)"));
   EXPECT_EQ(victim.signalsCounted(), 0);
 }
 
@@ -172,25 +138,25 @@ TEST_F(SampleTool, EndsWhenTheTargetBecomesAnotherProgram) {
   EXPECT_EQ(victim.signalsCounted(), 0);
   // It may have done so before anything was seen.
   const bool seen = exitCode(sampler) == 0;
-  EXPECT_THAT(content(seen ? file() : errors()), HasSubstr("the process executed another program"));
+  EXPECT_THAT(contentOf(seen ? file() : errors()), HasSubstr("the process executed another program"));
   EXPECT_EQ(victim.signalsCounted(), 0);
 }
 
 TEST_F(SampleTool, SaysWhyItCannot) {
   EXPECT_EQ(exitCode(startSample({"1", "-file", file()}, errors())), 2);
-  EXPECT_THAT(content(errors()), HasSubstr("usage: sample PID SECONDS -file PATH"));
+  EXPECT_THAT(contentOf(errors()), HasSubstr("usage: sample PID SECONDS -file PATH"));
   EXPECT_EQ(exitCode(startSample({"4194304", "1", "-file", file()}, errors())), 1);
-  EXPECT_THAT(content(errors()), HasSubstr("there is no process 4194304"));
+  EXPECT_THAT(contentOf(errors()), HasSubstr("there is no process 4194304"));
   Victim victim;
   EXPECT_EQ(
       exitCode(startSample({std::to_string(victim.process()), "0.01", "-file", "/nowhere/out"}, errors())),
       1);
-  EXPECT_THAT(content(errors()), HasSubstr("cannot write /nowhere/out: No such file or directory"));
+  EXPECT_THAT(contentOf(errors()), HasSubstr("cannot write /nowhere/out: No such file or directory"));
   const std::string pid = std::to_string(victim.process());
   const pid_t other = startSample({pid, "60", "-file", file()}, errors());
   ASSERT_TRUE(untilTraced(victim.process(), other));
   EXPECT_EQ(exitCode(startSample({pid, "1", "-file", file()}, errors())), 1) << "it is traced already";
-  EXPECT_THAT(content(errors()),
+  EXPECT_THAT(contentOf(errors()),
               HasSubstr("may not attach to process " + pid + ": Operation not permitted (process " +
                         std::to_string(other) + " traces it)"));
   kill(other, SIGTERM);

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "tests/platform/temporary_folder.h"
+#include "tests/support/commands.h"
 #include "tools/quibvitalscope/watch_process.h"
 #include "tools/quibvitalscope/watch_view.h"
 
@@ -81,8 +82,7 @@ class WatchFolder : public testing::Test {
   }
   // A report whose main thread is in a function of the program.
   static std::string reportIn(const std::string& function) {
-    std::ifstream file(GOLDEN_FOLDER "/hang.hang");
-    std::string text((std::istreambuf_iterator<char>(file)), {});
+    std::string text = test::contentOf(GOLDEN_FOLDER "/hang.hang");
     const std::string known = "_ZN5paint6Canvas4openERKSs";
     text.replace(text.find(known), known.size(), function);
     return text;
