@@ -8,16 +8,6 @@
 
 namespace qbv::cli {
 
-void complain(const std::string& sentence) {
-  std::fflush(stdout);
-  std::fprintf(stderr, "quibvitalscope: %s\n", sentence.c_str());
-}
-
-int fail(int exitCode, const std::string& sentence) {
-  complain(sentence);
-  return exitCode;
-}
-
 namespace {
 
 constexpr auto kCommands = {addRunCommand,    addPostCommand,      addDashboardCommand, addUploadCommand,
