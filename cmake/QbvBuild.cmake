@@ -30,25 +30,6 @@ function(qbv_test_settings name)
   target_compile_definitions(${name} PRIVATE QBV_MAIL_DOMAIN="${QBV_MAIL_DOMAIN}")
 endfunction()
 
-# The framework's headers are most of what a test costs to compile, so all test programs share them precompiled. A
-# compiler cache saves more, and keeps nothing that was compiled with a precompiled header unless it is told to.
-option(QBV_PRECOMPILE_TESTS "Precompile the tests' common headers (not used under a compiler launcher)" ON)
-function(qbv_use_test_headers name)
-  get_target_property(sources ${name} SOURCES)
-  # CMake wants a header for every language of a program.
-  if(NOT QBV_PRECOMPILE_TESTS OR CMAKE_CXX_COMPILER_LAUNCHER OR sources MATCHES "\\.c(;|$)")
-    return()
-  endif()
-  if(NOT TARGET qbv_test_headers)
-    file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/test_headers.cpp" CONTENT "int main() {}\n")
-    add_executable(qbv_test_headers "${PROJECT_BINARY_DIR}/test_headers.cpp")
-    qbv_test_settings(qbv_test_headers)
-    target_precompile_headers(qbv_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h> <algorithm> <atomic> <chrono>
-      <filesystem> <fstream> <sstream> <thread>)
-  endif()
-  target_precompile_headers(${name} REUSE_FROM qbv_test_headers)
-endfunction()
-
 # qbv_add_test(NAME SOURCES file... [LIBRARIES lib...] [TIMEOUT seconds] [LABELS label...])
 # One GoogleTest program; every case is a ctest test, so it runs in a process of its own.
 function(qbv_add_test name)
@@ -59,7 +40,6 @@ function(qbv_add_test name)
   add_executable(${name} ${arg_SOURCES})
   qbv_test_settings(${name})
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gtest_main)
-  qbv_use_test_headers(${name})
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
 endfunction()
