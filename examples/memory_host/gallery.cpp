@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr std::size_t kMegabyte = 1024 * 1024;
+constexpr std::size_t kMegabyte = std::size_t{1024} * 1024;
 constexpr std::size_t kPage = 4096;
 constexpr std::uint64_t kLibraryFrames = 2;  // recordMallocStack and what it calls
 
@@ -26,6 +26,6 @@ void cacheThumbnails(std::size_t megabytes) {
 }
 
 void keepUndoHistory(std::size_t megabytes) {
-  constexpr std::size_t kStep = 16 * 1024;
+  constexpr std::size_t kStep = std::size_t{16} * 1024;
   for (std::size_t step = 0; step < megabytes * kMegabyte / kStep; ++step) takePixels(kStep);
 }

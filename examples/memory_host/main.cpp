@@ -66,9 +66,11 @@ void tellWhatIsLeft() {
   qbv::Files& files = qbv::platform().files;
   const std::string folder = qbv::expandingTildeInPath(
       "~/Library/Logs/quibapp/Diagnostic/" + std::to_string(qbv::platform().hostInfo.processIdentifier()));
-  const std::vector<std::string> reports = files.contentsOfDirectory(folder + "/app_memory_oversize");
+  const std::string reportFolder = folder + "/app_memory_oversize/";
+  const std::vector<std::string> reports = files.contentsOfDirectory(reportFolder);
+  const std::string aReport = "report: " + reportFolder;
   if (reports.empty()) say("no report");
-  for (const std::string& report : reports) say("report: " + folder + "/app_memory_oversize/" + report);
+  for (const std::string& report : reports) say(aReport + report);
   const std::string stacks = folder + "/dump/stack_backtrace.mmap";
   if (files.fileExists(stacks)) say("stacks: " + stacks);
 }

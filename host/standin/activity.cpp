@@ -73,12 +73,12 @@ void watchActivity(const char* name, int processId, bool waylandSession, const A
 void startActivityWatch(ActivityReport report) {
   const char* const display = variable("DISPLAY");
   if (display == nullptr) return report(true, kAlways);
-  auto watch =
-      std::make_unique<Watch>(Watch{display, ::getpid(), variable("WAYLAND_DISPLAY") != nullptr, report});
+  auto watch = std::make_unique<Watch>(
+      Watch{display, ::getpid(), variable("WAYLAND_DISPLAY") != nullptr, std::move(report)});
   if (linux_backend::startThread("quib activity", linux_backend::kHandlerStackBytes, runWatch, watch.get()))
     static_cast<void>(watch.release());
   else
-    report(true, kAlways);
+    watch->report(true, kAlways);
 }
 
 }  // namespace qbv::standin

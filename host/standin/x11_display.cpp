@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace qbv::standin {
 
@@ -58,8 +59,8 @@ const Library* library() {
   static const Library* const opened = []() -> const Library* {
     void* const handle = ::dlopen("libxcb.so.1", RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) return nullptr;
-    const auto* const found = new Library(handle);
-    return found->complete ? found : nullptr;
+    auto found = std::make_unique<const Library>(handle);
+    return found->complete ? found.release() : nullptr;
   }();
   return opened;
 }

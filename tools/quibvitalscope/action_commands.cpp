@@ -154,7 +154,7 @@ int leakCheck(const Options& options) {
 }
 
 CLI::App* addAction(CLI::App& app, Context& context, const char* name, const char* summary,
-                    std::shared_ptr<Options> options, int (*action)(const Options&)) {
+                    const std::shared_ptr<Options>& options, int (*action)(const Options&)) {
   CLI::App* const sub = app.add_subcommand(name, summary);
   addProcessArgument(*sub, options->process);
   sub->callback([options, action, &context] { context.exitCode = action(*options); });

@@ -53,9 +53,9 @@ double sumOf(const std::vector<ProfiledCall>& calls) {
 void addStacks(const std::vector<ProfiledCall>& calls, const std::string& above,
                std::map<std::string, long long>& stacks) {
   for (const ProfiledCall& call : calls) {
-    std::string name = call.name;
-    std::replace(name.begin(), name.end(), ';', ',');
-    const std::string stack = above.empty() ? name : above + ";" + name;
+    std::string stack = call.name;
+    std::replace(stack.begin(), stack.end(), ';', ',');
+    if (!above.empty()) stack.insert(0, ";").insert(0, above);
     stacks[stack] += std::llround(std::max(0.0, call.milliseconds - sumOf(call.calls)) * 1000);
     addStacks(call.calls, stack, stacks);
   }

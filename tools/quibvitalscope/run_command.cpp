@@ -67,6 +67,7 @@ Options withAbsoluteOutbox(Options options) {
 
 int execute(const std::string& path, std::vector<std::string> command) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (std::string& argument : command) arguments.push_back(argument.data());
   arguments.push_back(nullptr);
   ::execv(path.c_str(), arguments.data());

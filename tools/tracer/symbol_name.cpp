@@ -7,7 +7,7 @@
 namespace tracer {
 
 std::string readableName(std::string_view symbol) {
-  const std::string name(symbol.substr(0, symbol.find('@')));
+  std::string name(symbol.substr(0, symbol.find('@')));
   if (!name.starts_with("_Z")) return name;
   int status = 0;
   char* const text = abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <utility>
 
 #include "vitalscope/platform/platform.h"
 
@@ -58,9 +59,9 @@ double QBVLaunchManager::launchTime() {
 void QBVLaunchManager::setLaunchTimeReceiver(std::function<void(double)> receiver) {
   LaunchState& launch = state();
   std::unique_lock lock(launch.lock);
-  launch.receiver = receiver;
-  const bool measured = launch.firstTurnSeconds != 0;
+  launch.receiver = std::move(receiver);
+  const std::function<void(double)> told = launch.firstTurnSeconds != 0 ? launch.receiver : nullptr;
   const double duration = launch.duration;
   lock.unlock();
-  if (measured && receiver) receiver(duration);
+  if (told) told(duration);
 }

@@ -18,7 +18,7 @@ std::string queueLabel(const std::string& suffix) {
   std::string_view rest = mailDomain();
   while (!rest.empty()) {
     const std::size_t dot = rest.find('.');
-    label = std::string(rest.substr(0, dot)) + '.' + label;
+    label.insert(0, ".").insert(0, rest.substr(0, dot));
     rest = dot == std::string_view::npos ? std::string_view{} : rest.substr(dot + 1);
   }
   return label;

@@ -83,7 +83,7 @@ class QBV_EXPORT CALayer : public std::enable_shared_from_this<CALayer> {
 class QBV_EXPORT CAShapeLayer : public CALayer {
  public:
   const CGPathRef& path() const { return path_; }
-  void setPath(CGPathRef path) { change(path_, path); }
+  void setPath(const CGPathRef& path) { change(path_, path); }
   NSColor fillColor() const { return fillColor_; }
   void setFillColor(NSColor color) { change(fillColor_, color); }
 
