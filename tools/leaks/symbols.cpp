@@ -1,7 +1,5 @@
 #include "tools/leaks/symbols.h"
 
-#include <cstdlib>
-
 #include "tools/tracer/symbol_name.h"
 
 namespace leaks {
@@ -10,29 +8,15 @@ namespace {
 
 constexpr std::size_t kMostLookUps = 4000;
 
-char* noDebugPath = nullptr;
-const Dwfl_Callbacks callbacks = {
-    .find_elf = dwfl_linux_proc_find_elf,
-    .find_debuginfo = dwfl_standard_find_debuginfo,
-    .section_address = dwfl_offline_section_address,
-    .debuginfo_path = &noDebugPath,
-};
-
 }  // namespace
-
-Symbols::~Symbols() {
-  if (dwfl_ != nullptr) dwfl_end(dwfl_);
-}
 
 bool Symbols::open() {
   if (!isTried_) {
     isTried_ = true;
-    unsetenv("DEBUGINFOD_URLS");  // nothing is looked up over the network
-    dwfl_ = dwfl_begin(&callbacks);
-    if (dwfl_ != nullptr) dwfl_linux_proc_report(dwfl_, process_);
-    if (dwfl_ != nullptr) dwfl_report_end(dwfl_, nullptr, nullptr);
+    images_ = tracer::noImages();
+    if (images_ != nullptr) tracer::addImagesOf(images_.get(), process_);
   }
-  return dwfl_ != nullptr;
+  return images_ != nullptr;
 }
 
 const std::string& Symbols::nameOf(Address address) {
@@ -43,7 +27,7 @@ const std::string& Symbols::nameOf(Address address) {
 }
 
 std::string Symbols::lookUp(Address address) {
-  Dwfl_Module* const module = dwfl_addrmodule(dwfl_, address);
+  Dwfl_Module* const module = dwfl_addrmodule(images_.get(), address);
   GElf_Off offset = 0;
   GElf_Sym symbol;
   const char* const name =

@@ -1,13 +1,13 @@
 // Names of another process's functions and variables, from the files of its images on this machine.
 #pragma once
 
-#include <elfutils/libdwfl.h>
 #include <sys/types.h>
 
 #include <map>
 #include <string>
 
 #include "tools/leaks/snapshot.h"
+#include "tools/tracer/process_images.h"
 
 namespace leaks {
 
@@ -16,9 +16,6 @@ class Symbols {
  public:
   // A thread of the process that has not ended.
   explicit Symbols(pid_t process) : process_(process) {}
-  ~Symbols();
-  Symbols(const Symbols&) = delete;
-  Symbols& operator=(const Symbols&) = delete;
 
   // What the address lies in, demangled: "vtable for Window", "draw(Window*)". "" where no symbol tells, when
   // the process has ended, and after some thousand different addresses, since each takes a walk through all
@@ -30,7 +27,7 @@ class Symbols {
   std::string lookUp(Address address);
 
   pid_t process_;
-  Dwfl* dwfl_ = nullptr;
+  tracer::ProcessImages images_;
   bool isTried_ = false;
   std::map<Address, std::string> known_;
 };

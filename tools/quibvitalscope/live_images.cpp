@@ -1,6 +1,5 @@
 #include "tools/quibvitalscope/live_images.h"
 
-#include <elfutils/libdwfl.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -10,14 +9,10 @@
 
 #include "tools/quibvitalscope/source_lines.h"
 #include "tools/tracer/process_facts.h"
+#include "tools/tracer/process_images.h"
 
 namespace qbv::cli {
 namespace {
-
-const Dwfl_Callbacks kCallbacks = {.find_elf = dwfl_linux_proc_find_elf,
-                                   .find_debuginfo = dwfl_standard_find_debuginfo,
-                                   .section_address = dwfl_offline_section_address,
-                                   .debuginfo_path = nullptr};
 
 std::string folderOf(std::uint32_t process) {
   return "/proc/" + std::to_string(process);
@@ -53,15 +48,12 @@ int addImage(Dwfl_Module* module, void**, const char* name, Dwarf_Addr begin, vo
 
 std::optional<reader::Report> imagesOfRunning(std::uint32_t process, const std::string& mappedFile) {
   if (process == 0 || !hasMapped(process, mappedFile)) return std::nullopt;
-  Dwfl* const dwfl = dwfl_begin(&kCallbacks);
-  if (dwfl == nullptr) return std::nullopt;
+  const tracer::ProcessImages images = tracer::noImages();
+  if (images == nullptr) return std::nullopt;
   reader::Report report;
   report.processId = process;
-  if (dwfl_linux_proc_report(dwfl, static_cast<pid_t>(process)) == 0) {
-    dwfl_report_end(dwfl, nullptr, nullptr);
-    dwfl_getmodules(dwfl, addImage, &report, 0);
-  }
-  dwfl_end(dwfl);
+  if (tracer::addImagesOf(images.get(), static_cast<pid_t>(process)))
+    dwfl_getmodules(images.get(), addImage, &report, 0);
   const std::string executable = tracer::linkTarget(folderOf(process) + "/exe");
   std::stable_partition(report.images.begin(), report.images.end(),
                         [&](const reader::Image& image) { return image.path == executable; });

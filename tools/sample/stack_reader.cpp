@@ -3,7 +3,6 @@
 #include <dwarf.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "tools/tracer/symbol_name.h"
 
@@ -12,14 +11,6 @@ namespace sample {
 namespace {
 
 constexpr std::size_t kMostFrames = 512;
-
-char* noDebugPath = nullptr;
-const Dwfl_Callbacks callbacks = {
-    .find_elf = dwfl_linux_proc_find_elf,
-    .find_debuginfo = dwfl_standard_find_debuginfo,
-    .section_address = dwfl_offline_section_address,
-    .debuginfo_path = &noDebugPath,
-};
 
 std::string lastError(const char* what) {
   return std::string(what) + ": " + dwfl_errmsg(-1);
@@ -62,35 +53,23 @@ int addImage(Dwfl_Module* module, void**, const char* name, Dwarf_Addr, void* ar
 
 }  // namespace
 
-StackReader::StackReader(pid_t process) : process_(process) {
-  // Symbols come from this machine only; a look-up over the network would stall the sampling.
-  unsetenv("DEBUGINFOD_URLS");
-}
-
-StackReader::~StackReader() {
-  if (dwfl_ != nullptr) dwfl_end(dwfl_);
-}
-
 std::string StackReader::open() {
-  dwfl_ = dwfl_begin(&callbacks);
-  if (dwfl_ == nullptr) return lastError("cannot prepare");
+  images_ = tracer::noImages();
+  if (images_ == nullptr) return lastError("cannot prepare");
   if (std::string failure = report(); !failure.empty()) return failure;
-  if (dwfl_linux_proc_attach(dwfl_, process_, true) != 0) return lastError("cannot read the process");
+  if (dwfl_linux_proc_attach(images_.get(), process_, true) != 0) return lastError("cannot read the process");
   return "";
 }
 
 std::string StackReader::report() {
-  dwfl_report_begin_add(dwfl_);
-  const int failed = dwfl_linux_proc_report(dwfl_, process_);
-  if (dwfl_report_end(dwfl_, nullptr, nullptr) != 0 || failed != 0)
-    return lastError("cannot list the process's libraries");
-  return "";
+  return tracer::addImagesOf(images_.get(), process_) ? "" : lastError("cannot list the process's libraries");
 }
 
 Chain StackReader::chainOf(pid_t thread) {
   Chain chain;
-  dwfl_getthread_frames(dwfl_, thread, addFrame, &chain);
-  metUnknownCode_ = metUnknownCode_ || (!chain.empty() && dwfl_addrmodule(dwfl_, chain.back()) == nullptr);
+  dwfl_getthread_frames(images_.get(), thread, addFrame, &chain);
+  metUnknownCode_ =
+      metUnknownCode_ || (!chain.empty() && dwfl_addrmodule(images_.get(), chain.back()) == nullptr);
   std::reverse(chain.begin(), chain.end());
   return chain;
 }
@@ -103,7 +82,7 @@ void StackReader::refresh() {
 
 FunctionName StackReader::nameOf(std::uint64_t address) {
   FunctionName name;
-  Dwfl_Module* const module = dwfl_addrmodule(dwfl_, address);
+  Dwfl_Module* const module = dwfl_addrmodule(images_.get(), address);
   name.imageOffset = address;
   if (module == nullptr) return name;
   Dwarf_Addr begin = 0;
@@ -124,7 +103,7 @@ FunctionName StackReader::nameOf(std::uint64_t address) {
 
 std::vector<ImageFacts> StackReader::images() {
   std::vector<ImageFacts> images;
-  dwfl_getmodules(dwfl_, addImage, &images, 0);
+  dwfl_getmodules(images_.get(), addImage, &images, 0);
   std::sort(images.begin(), images.end(),
             [](const ImageFacts& a, const ImageFacts& b) { return a.begin < b.begin; });
   return images;

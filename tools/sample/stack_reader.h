@@ -1,7 +1,6 @@
 // Call chains of another process's stopped threads, and the names of what is in them.
 #pragma once
 
-#include <elfutils/libdwfl.h>
 #include <sys/types.h>
 
 #include <string>
@@ -9,16 +8,14 @@
 
 #include "tools/sample/call_tree.h"
 #include "tools/sample/report_writer.h"
+#include "tools/tracer/process_images.h"
 
 namespace sample {
 
 // Uses the libraries' call-frame information. One thread only.
 class StackReader {
  public:
-  explicit StackReader(pid_t process);
-  ~StackReader();
-  StackReader(const StackReader&) = delete;
-  StackReader& operator=(const StackReader&) = delete;
+  explicit StackReader(pid_t process) : process_(process) {}
 
   // Prepares for the process, which must be attached already. Empty on success, else a sentence that says why
   // not.
@@ -36,7 +33,7 @@ class StackReader {
   std::string report();
 
   pid_t process_;
-  Dwfl* dwfl_ = nullptr;
+  tracer::ProcessImages images_;
   bool metUnknownCode_ = false;
 };
 
